@@ -1,0 +1,22 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+#include <optional>
+
+// The user's settings, in $XDG_CONFIG_HOME/teranocounter/teranocounter.conf. Every read
+// goes to the file afresh (so `teranocounter --set` from another process is seen on the
+// next request) and every write is synced at once, so a crash or a fatal stop loses
+// nothing. Safe to use from any thread.
+class UserDefaults {
+public:
+    static UserDefaults &standard();
+
+    std::optional<QVariant> value(const QString &key) const;
+    std::optional<QString> string(const QString &key) const;
+    void setValue(const QString &key, const QVariant &value);
+    void remove(const QString &key);
+    QStringList keys() const;
+    QString fileName() const;
+};

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QString>
+#include <QVariant>
+#include <QVariantMap>
+#include <optional>
+#include <variant>
+#include <functional>
+
+// What a POS frame asks for. Malformed frames are not answered: the caller turns a
+// RequestError into a fatal stop, because the service trusts its single POS client and a
+// frame it cannot read means the client and the service disagree about everything else.
+struct RequestError {
+    QString reason;
+};
+
+// Step one: the frame must be ASCII-only JSON whose top level is an object.
+std::variant<QVariantMap, RequestError> parseRequestObject(const QString &frameText);
+
+// Step two: the five-key dictionary the rest of the service works with. "data" becomes a
+// byte buffer; "ip", "port", "van" and "requesttype" keep their JSON types, and the ones
+// the POS left out are null (QVariant holding nullptr).
+std::variant<QVariantMap, RequestError> buildInternalRequest(const QVariantMap &requestObject);
+
+enum class RouteTarget { KitchenPrint, TCPcontrol, USBcontrol, Drop };
+
+// Step three: where the request goes. Kitchen orders never look at MAIN_INTERFACE, so
+// kitchen printing works whichever terminal is set, or none. `mainInterface` is asked
+// for only when it matters.
+std::variant<RouteTarget, RequestError>
+routeFor(const QVariantMap &requestObject, const std::function<std::optional<QVariant>()> &mainInterface);
+
+namespace RequestKey {
+inline const QString data = QStringLiteral("data");
+inline const QString ip = QStringLiteral("ip");
+inline const QString port = QStringLiteral("port");
+inline const QString van = QStringLiteral("van");
+inline const QString requesttype = QStringLiteral("requesttype");
+} // namespace RequestKey
+
+QVariant nullValue();
+bool isNull(const QVariant &value);

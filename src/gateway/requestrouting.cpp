@@ -1,0 +1,43 @@
+#include "requestrouting.h"
+
+#include "fatal.h"
+#include "kitchenprintservice.h"
+#include "log.h"
+#include "notificationcenter.h"
+#include "notificationnames.h"
+#include "request.h"
+#include "userdefaults.h"
+
+namespace {
+
+template <typename T> T orStop(std::variant<T, RequestError> result) {
+    if (auto *error = std::get_if<RequestError>(&result))
+        fatalStop(error->reason);
+    return std::get<T>(std::move(result));
+}
+
+} // namespace
+
+void handleRequest(const QString &text) {
+    logLine(QStringLiteral("RECV FIRED!!!:"));
+
+    const QVariantMap requestObject = orStop(parseRequestObject(text));
+    const QVariantMap internal = orStop(buildInternalRequest(requestObject));
+    const RouteTarget target = orStop(routeFor(requestObject, [] {
+        return UserDefaults::standard().value(QStringLiteral("MAIN_INTERFACE"));
+    }));
+
+    switch (target) {
+    case RouteTarget::KitchenPrint:
+        KitchenPrintService().printKitchenOrder(internal);
+        break;
+    case RouteTarget::TCPcontrol:
+        NotificationCenter::defaultCenter().post(NotificationName::TCPcontrol, internal);
+        break;
+    case RouteTarget::USBcontrol:
+        NotificationCenter::defaultCenter().post(NotificationName::USBcontrol, internal);
+        break;
+    case RouteTarget::Drop:
+        break;
+    }
+}

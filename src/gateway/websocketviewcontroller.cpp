@@ -1,0 +1,151 @@
+#include "websocketviewcontroller.h"
+
+#include "fatal.h"
+#include "log.h"
+#include "notificationcenter.h"
+#include "notificationnames.h"
+#include "requestrouting.h"
+#include "userdefaults.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QThread>
+#include <QWebSocket>
+#include <cmath>
+
+namespace {
+
+// Strict conversion of a response to JSON: only what JSON can hold (null, booleans, finite
+// numbers, text, lists and maps of those). Anything else means a channel built a broken
+// response, which is not something to send half of to the POS.
+std::optional<QJsonValue> toJson(const QVariant &value) {
+    switch (value.typeId()) {
+    case QMetaType::Nullptr:
+        return QJsonValue(QJsonValue::Null);
+    case QMetaType::Bool:
+        return QJsonValue(value.toBool());
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+        return QJsonValue(value.toLongLong());
+    case QMetaType::Double: {
+        const double d = value.toDouble();
+        if (!std::isfinite(d))
+            return std::nullopt;
+        return QJsonValue(d);
+    }
+    case QMetaType::QString:
+        return QJsonValue(value.toString());
+    case QMetaType::QVariantList: {
+        QJsonArray array;
+        for (const QVariant &element : value.toList()) {
+            const std::optional<QJsonValue> json = toJson(element);
+            if (!json)
+                return std::nullopt;
+            array.append(*json);
+        }
+        return array;
+    }
+    case QMetaType::QVariantMap: {
+        QJsonObject object;
+        const QVariantMap map = value.toMap();
+        for (auto it = map.begin(); it != map.end(); ++it) {
+            const std::optional<QJsonValue> json = toJson(it.value());
+            if (!json)
+                return std::nullopt;
+            object.insert(it.key(), *json);
+        }
+        return object;
+    }
+    default:
+        return std::nullopt;
+    }
+}
+
+} // namespace
+
+WebSocketViewController::WebSocketViewController(quint16 port, QObject *parent)
+    : QObject(parent), server(QStringLiteral("teranocounter")), port(port) {}
+
+void WebSocketViewController::viewDidLoad() {
+    NotificationCenter::defaultCenter().addObserver(NotificationName::WEBSOCKET, this,
+                                                    [this](const QVariant &object) { notificationHandler(object); });
+    startWebSocketServer();
+}
+
+void WebSocketViewController::startWebSocketServer() {
+    server.addWebSocketRoute(HttpServer::exactPath("/"), [this](QWebSocket *socket) {
+        connect(socket, &QWebSocket::textMessageReceived, this,
+                [this, socket](const QString &text) { acceptTextFrame(socket, text); });
+        // Binary frames are not part of the POS protocol: no answer, and the sender is
+        // not remembered.
+    });
+    server.setOriginCheck([this](const QByteArray &origin) { return originAllowed(origin); });
+
+    if (!server.listen(listenAddress(), port)) {
+        logLine(QStringLiteral("WebSocket server could not start on port %1: %2").arg(port).arg(server.errorString()));
+        return;
+    }
+    if (!websocketLabel)
+        fatalStop(QStringLiteral("the gateway page has no status label"));
+    websocketLabel->setStringValue(QStringLiteral("서비스 시작"));
+    if (!websocketLabel)
+        fatalStop(QStringLiteral("the gateway page has no status label"));
+    websocketLabel->setTextColor(Qt::green);
+}
+
+void WebSocketViewController::acceptTextFrame(QWebSocket *session, const QString &text) {
+    if (wsSession && wsSession != session) {
+        // The displaced POS hears about it before the new one is remembered.
+        wsSession->close();
+        wsSession = session;
+    } else if (!wsSession) {
+        wsSession = session;
+    }
+    handleRequest(text);
+}
+
+void WebSocketViewController::notificationHandler(const QVariant &object) {
+    if (!wsSession)
+        return; // no POS has spoken yet: nobody to answer
+    if (object.typeId() != QMetaType::QVariantMap)
+        fatalStop(QStringLiteral("a response for the POS is not a dictionary"));
+    const std::optional<QJsonValue> json = toJson(object);
+    if (!json)
+        fatalStop(QStringLiteral("a response for the POS cannot be written as JSON"));
+    const QString text = QString::fromUtf8(QJsonDocument(json->toObject()).toJson(QJsonDocument::Compact));
+
+    if (QThread::currentThread() == thread())
+        writeResponse(text);
+    else // sockets belong to the gateway's thread; the write keeps the posting order
+        QMetaObject::invokeMethod(this, [this, text] { writeResponse(text); }, Qt::QueuedConnection);
+}
+
+void WebSocketViewController::writeResponse(const QString &text) {
+    if (wsSession)
+        wsSession->sendTextMessage(text);
+}
+
+QHostAddress WebSocketViewController::listenAddress() const {
+    const std::optional<QString> all = UserDefaults::standard().string(QStringLiteral("WEBSOCKET_LISTEN_ALL"));
+    if (all && all->trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0)
+        return QHostAddress::Any;
+    return QHostAddress::LocalHost;
+}
+
+bool WebSocketViewController::originAllowed(const QByteArray &origin) const {
+    const std::optional<QVariant> setting = UserDefaults::standard().value(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS"));
+    if (!setting)
+        return true;
+    // A hand-edited INI file turns an unquoted comma list into a string list.
+    QStringList allowed;
+    const QStringList parts = setting->typeId() == QMetaType::QStringList ? setting->toStringList()
+                                                                          : setting->toString().split(u',');
+    for (const QString &part : parts)
+        if (!part.trimmed().isEmpty())
+            allowed << part.trimmed();
+    if (allowed.isEmpty())
+        return true;
+    return allowed.contains(QString::fromUtf8(origin));
+}

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "httpserver.h"
+#include "kitchenprintservice.h"
+#include "textlabel.h"
+
+#include <QHostAddress>
+#include <QObject>
+#include <QPointer>
+#include <QVariant>
+
+class QWebSocket;
+
+// The POS gateway. Serves ws://127.0.0.1:49999/: every text frame is routed, and every
+// "WEBSOCKET" response on the bus is written back to the POS as compact JSON.
+// Only one POS is served at a time, and the most recent sender wins: when another
+// connection sends a frame, the previous one gets a close frame and stops receiving.
+class WebSocketViewController : public QObject {
+    Q_OBJECT
+public:
+    static constexpr quint16 defaultPort = 49999;
+
+    explicit WebSocketViewController(quint16 port = defaultPort, QObject *parent = nullptr);
+
+    // Registers for "WEBSOCKET" before the server starts, so no response can be missed.
+    void viewDidLoad();
+    void startWebSocketServer();
+    void acceptTextFrame(QWebSocket *session, const QString &text);
+    void notificationHandler(const QVariant &object);
+
+    HttpServer server;
+    QPointer<QWebSocket> wsSession;
+    qint64 sessionHashValue = 0; // kept for the session bookkeeping of earlier releases; unused
+    KitchenPrintService kitchenPrint;
+    TextLabel *websocketLabel = nullptr;
+    TextLabel *posConnectionLabel = nullptr;
+
+private:
+    void writeResponse(const QString &text);
+    QHostAddress listenAddress() const;
+    bool originAllowed(const QByteArray &origin) const;
+
+    quint16 port;
+};
