@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QList>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <memory>
+
+// A loopback port that never completes a connection: a listening socket whose accept
+// queue is kept full, so the kernel drops further connection attempts and a client's
+// connect only ever times out. Stands in for a switched-off printer on the shop network.
+class Blackhole {
+public:
+    bool open() {
+        server.setListenBacklogSize(0);
+        if (!server.listen(QHostAddress::LocalHost, 0))
+            return false;
+        server.pauseAccepting();
+        for (int i = 0; i < 4; ++i) {
+            auto socket = std::make_unique<QTcpSocket>();
+            socket->connectToHost(QHostAddress::LocalHost, server.serverPort());
+            socket->waitForConnected(200);
+            fillers.push_back(std::move(socket));
+        }
+        return true;
+    }
+    quint16 port() const { return server.serverPort(); }
+
+private:
+    QTcpServer server;
+    std::vector<std::unique_ptr<QTcpSocket>> fillers;
+};

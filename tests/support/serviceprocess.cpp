@@ -1,0 +1,96 @@
+#include "serviceprocess.h"
+
+#include "wait.h"
+
+#include <QTcpSocket>
+
+ServiceProcess::ServiceProcess() { process.setProcessChannelMode(QProcess::SeparateChannels); }
+
+ServiceProcess::~ServiceProcess() {
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+}
+
+QProcessEnvironment ServiceProcess::environment() const {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("HOME"), homeDir.path());
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome());
+    env.remove(QStringLiteral("DISPLAY"));
+    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    return env;
+}
+
+int ServiceProcess::runToEnd(const QStringList &arguments, QByteArray *out, QByteArray *err) {
+    QProcess chore;
+    chore.setProcessEnvironment(environment());
+    chore.start(QStringLiteral(TERANOCOUNTER_BIN), arguments);
+    if (!chore.waitForFinished(30000))
+        return -1;
+    if (out)
+        *out = chore.readAllStandardOutput();
+    if (err)
+        *err = chore.readAllStandardError();
+    return chore.exitStatus() == QProcess::NormalExit ? chore.exitCode() : -1;
+}
+
+void ServiceProcess::set(const QString &key, const QString &value) {
+    runToEnd({QStringLiteral("--set"), key + u'=' + value});
+}
+
+bool ServiceProcess::gatewayAcceptsConnections() {
+    QTcpSocket probe;
+    probe.connectToHost(QHostAddress::LocalHost, 49999);
+    const bool ok = probe.waitForConnected(200);
+    probe.abort();
+    return ok;
+}
+
+bool ServiceProcess::start(bool expectGateway, const QStringList &extraArguments) {
+    process.setProcessEnvironment(environment());
+    process.start(QStringLiteral(TERANOCOUNTER_BIN), QStringList{QStringLiteral("--headless")} + extraArguments);
+    if (!process.waitForStarted(10000))
+        return false;
+    if (!expectGateway)
+        return true;
+    return waitUntil(
+        [this] { return process.state() != QProcess::Running || gatewayAcceptsConnections(); }, 15000) &&
+           process.state() == QProcess::Running;
+}
+
+bool ServiceProcess::isRunning() const { return process.state() == QProcess::Running; }
+
+bool ServiceProcess::waitForExit(int timeoutMs) {
+    return waitUntil([this] { return process.state() == QProcess::NotRunning; }, timeoutMs);
+}
+
+void ServiceProcess::drain() {
+    outBuffer += process.readAllStandardOutput();
+    errBuffer += process.readAllStandardError();
+}
+
+static QStringList completeLines(const QByteArray &buffer) {
+    QStringList lines = QString::fromUtf8(buffer).split(u'\n');
+    lines.removeLast(); // the part after the last newline is not a line yet
+    return lines;
+}
+
+QStringList ServiceProcess::stdoutLines() {
+    drain();
+    return completeLines(outBuffer);
+}
+
+QStringList ServiceProcess::stderrLines() {
+    drain();
+    return completeLines(errBuffer);
+}
+
+bool ServiceProcess::waitForStdoutLine(const QString &line, int timeoutMs, qsizetype fromIndex) {
+    return waitUntil([&] { return stdoutLines().indexOf(line, fromIndex) >= 0; }, timeoutMs);
+}
+
+bool ServiceProcess::waitForStdoutLineCount(qsizetype count, int timeoutMs) {
+    return waitUntil([&] { return stdoutLines().size() >= count; }, timeoutMs);
+}

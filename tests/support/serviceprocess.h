@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QProcess>
+#include <QStringList>
+#include <QTemporaryDir>
+
+// The real `teranocounter` executable, run the way a supervisor runs it: its own HOME
+// (so its own settings file), standard output and standard error captured line by line.
+class ServiceProcess {
+public:
+    ServiceProcess();
+    ~ServiceProcess();
+
+    QString home() const { return homeDir.path(); }
+    QString configHome() const { return homeDir.path() + QStringLiteral("/.config"); }
+    QString settingsFile() const { return configHome() + QStringLiteral("/teranocounter/teranocounter.conf"); }
+
+    // Runs `teranocounter <arguments>` to completion (for --set and --settings).
+    int runToEnd(const QStringList &arguments, QByteArray *out = nullptr, QByteArray *err = nullptr);
+    void set(const QString &key, const QString &value);
+
+    // Starts `teranocounter --headless` and waits until the gateway accepts connections
+    // (or, when `expectGateway` is false, until it has printed its first line).
+    bool start(bool expectGateway = true, const QStringList &extraArguments = {});
+    bool waitForExit(int timeoutMs);
+    bool isRunning() const;
+
+    QStringList stdoutLines();
+    QStringList stderrLines();
+    // Waits for a stdout line equal to `line` (counting from `fromIndex`).
+    bool waitForStdoutLine(const QString &line, int timeoutMs, qsizetype fromIndex = 0);
+    bool waitForStdoutLineCount(qsizetype count, int timeoutMs);
+    int exitCode() const { return process.exitCode(); }
+    QProcess::ExitStatus exitStatus() const { return process.exitStatus(); }
+
+    static bool gatewayAcceptsConnections();
+
+private:
+    void drain();
+    QProcessEnvironment environment() const;
+
+    QTemporaryDir homeDir;
+    QProcess process;
+    QByteArray outBuffer;
+    QByteArray errBuffer;
+};

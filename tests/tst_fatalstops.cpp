@@ -1,0 +1,142 @@
+// Malformed POS requests stop the service on purpose, and only they do: each case runs
+// the real executable, sends one frame and watches how the process ends.
+#include "blackhole.h"
+#include "fakeprinter.h"
+#include "posclient.h"
+#include "serviceprocess.h"
+#include "wait.h"
+
+#include <QtTest>
+
+namespace {
+constexpr quint16 gatewayPort = 49999;
+const QString recvFired = QStringLiteral("RECV FIRED!!!:");
+} // namespace
+
+class FatalStopsTest : public QObject {
+    Q_OBJECT
+
+    // Placeholders in a frame: PRINTER is replaced by a live fake printer's port.
+    void expectStop(const QString &frame, const QString &mainInterface, const QString &reasonPart,
+                    int *printerConnections = nullptr) {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        ServiceProcess service;
+        if (!mainInterface.isEmpty())
+            service.set(QStringLiteral("MAIN_INTERFACE"), mainInterface);
+        QVERIFY(service.start());
+        PosClient pos;
+        QVERIFY(pos.open(gatewayPort));
+        pos.send(QString(frame).replace(QStringLiteral("PRINTER"), QString::number(printer.port())));
+        QVERIFY2(service.waitForExit(5000), "the service kept running");
+        QCOMPARE(service.exitStatus(), QProcess::NormalExit);
+        QVERIFY(service.exitCode() != 0);
+        const QStringList err = service.stderrLines();
+        QCOMPARE(err.size(), 1);
+        QVERIFY2(err[0].startsWith(QStringLiteral("fatal: ")), qPrintable(err[0]));
+        QVERIFY2(err[0].contains(reasonPart, Qt::CaseInsensitive), qPrintable(err[0]));
+        QCOMPARE(service.stdoutLines().value(0), recvFired);
+        QVERIFY(pos.texts.isEmpty()); // the POS is never told
+        if (printerConnections)
+            *printerConnections = printer.connections().size();
+    }
+
+    void expectNoStop(const QString &frame, const QString &mainInterface) {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        ServiceProcess service;
+        if (!mainInterface.isEmpty())
+            service.set(QStringLiteral("MAIN_INTERFACE"), mainInterface);
+        QVERIFY(service.start());
+        PosClient pos;
+        QVERIFY(pos.open(gatewayPort));
+        pos.send(QString(frame).replace(QStringLiteral("PRINTER"), QString::number(printer.port())));
+        QVERIFY(service.waitForStdoutLine(recvFired, 3000));
+        keepRunningFor(2500); // past the connect and read waits of a kitchen job
+        QVERIFY(service.isRunning());
+        QCOMPARE(service.stderrLines(), QStringList());
+    }
+
+private slots:
+    void init() { QVERIFY2(!ServiceProcess::gatewayAcceptsConnections(), "port 49999 is already in use"); }
+
+    void malformedRequestsStop_data() {
+        QTest::addColumn<QString>("frame");
+        QTest::addColumn<QString>("mainInterface");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("raw Korean inside a string") << QStringLiteral(R"({"requesttype":"kitchenPrint","data":[],"ip":"127.0.0.1","port":PRINTER,"memo":"김치"})") << "" << "non-ASCII";
+        QTest::newRow("not JSON") << "PRINT PLEASE" << "TCP" << "not JSON";
+        QTest::newRow("empty frame") << "" << "TCP" << "not JSON";
+        QTest::newRow("top level array") << R"([{"requesttype":"print","data":[]}])" << "TCP" << "object";
+        QTest::newRow("data missing") << R"({"requesttype":"print"})" << "TCP" << "data";
+        QTest::newRow("data 256") << R"({"requesttype":"print","data":[1,256]})" << "TCP" << "data";
+        QTest::newRow("data -1") << R"({"requesttype":"print","data":[-1]})" << "TCP" << "data";
+        QTest::newRow("data a string") << R"({"requesttype":"print","data":"AB"})" << "TCP" << "data";
+        QTest::newRow("requesttype missing") << R"({"data":[1]})" << "TCP" << "requesttype";
+        QTest::newRow("payment with no interface set") << R"({"requesttype":"payment","data":[1]})" << "" << "MAIN_INTERFACE";
+        QTest::newRow("kitchen: ip missing") << R"({"requesttype":"kitchenPrint","data":[65],"port":PRINTER})" << "" << "ip";
+        QTest::newRow("kitchen: ip a number") << R"({"requesttype":"kitchenPrint","data":[65],"ip":127,"port":PRINTER})" << "" << "ip";
+        QTest::newRow("kitchen: port missing") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1"})" << "" << "port";
+        QTest::newRow("kitchen: port with a decimal point") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"9100.0"})" << "" << "port";
+        QTest::newRow("kitchen: port with a fraction") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":9100.5})" << "" << "port";
+        QTest::newRow("kitchen: port with a leading blank") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":" 9100"})" << "" << "port";
+    }
+    void malformedRequestsStop() {
+        QFETCH(QString, frame);
+        QFETCH(QString, mainInterface);
+        QFETCH(QString, reason);
+        expectStop(frame, mainInterface, reason);
+    }
+
+    void kitchenTextThatCannotBePrintedStopsAfterTheConnect_data() {
+        QTest::addColumn<QString>("frame");
+        QTest::newRow("not UTF-8") << R"({"requesttype":"kitchenPrint","data":[255,254],"ip":"127.0.0.1","port":PRINTER})";
+        // 😀 as UTF-8: a character code page 949 does not have
+        QTest::newRow("emoji") << R"({"requesttype":"kitchenPrint","data":[65,240,159,152,128],"ip":"127.0.0.1","port":PRINTER})";
+    }
+    void kitchenTextThatCannotBePrintedStopsAfterTheConnect() {
+        QFETCH(QString, frame);
+        int connections = 0;
+        expectStop(frame, QString(), QStringLiteral("code page 949"), &connections);
+        QCOMPARE(connections, 1); // the printer was reached before the stop, and got nothing
+    }
+
+    void unprintableTextForAnUnreachablePrinterOnlyReportsTheConnectError() {
+        QTcpServer closedPort;
+        QVERIFY(closedPort.listen(QHostAddress::LocalHost));
+        const quint16 deadPort = closedPort.serverPort();
+        closedPort.close();
+        ServiceProcess service;
+        QVERIFY(service.start());
+        PosClient pos;
+        QVERIFY(pos.open(gatewayPort));
+        pos.send(QStringLiteral(R"({"requesttype":"kitchenPrint","data":[240,159,152,128],"ip":"127.0.0.1","port":%1})").arg(deadPort));
+        QVERIFY(service.waitForStdoutLineCount(2, 3000));
+        keepRunningFor(500);
+        QVERIFY(service.isRunning());
+        QCOMPARE(service.stderrLines(), QStringList());
+    }
+
+    void wellFormedRequestsDoNotStop_data() {
+        QTest::addColumn<QString>("frame");
+        QTest::addColumn<QString>("mainInterface");
+        QTest::newRow("kitchen print, no interface") << R"({"requesttype":"kitchenPrint","data":[65,66],"ip":"127.0.0.1","port":PRINTER})" << "";
+        QTest::newRow("kitchen port as string") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"PRINTER"})" << "";
+        QTest::newRow("kitchen port with plus") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"+PRINTER"})" << "";
+        QTest::newRow("escaped Korean") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":PRINTER,"memo":"\uae40\uce58"})" << "";
+        QTest::newRow("empty data") << R"({"requesttype":"kitchenPrint","data":[],"ip":"127.0.0.1","port":PRINTER})" << "";
+        QTest::newRow("extra keys") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":PRINTER,"van":"KIS","x":[1,{"y":null}]})" << "";
+        QTest::newRow("USB with no channel") << R"({"requesttype":"print","data":[1]})" << "USB";
+        QTest::newRow("TCP with no channel") << R"({"requesttype":"print","data":[1]})" << "TCP";
+        QTest::newRow("unknown interface") << R"({"requesttype":"print","data":[1]})" << "BT";
+        QTest::newRow("requesttype number") << R"({"requesttype":5,"data":[1]})" << "USB";
+    }
+    void wellFormedRequestsDoNotStop() {
+        QFETCH(QString, frame);
+        QFETCH(QString, mainInterface);
+        expectNoStop(frame, mainInterface);
+    }
+};
+
+QTEST_GUILESS_MAIN(FatalStopsTest)
+#include "tst_fatalstops.moc"

@@ -1,0 +1,285 @@
+#include "forked.h"
+#include "posclient.h"
+#include "notificationcenter.h"
+#include "notificationnames.h"
+#include "request.h"
+#include "userdefaults.h"
+#include "wait.h"
+#include "websocketviewcontroller.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSignalSpy>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QWebSocket>
+#include <QtTest>
+
+namespace {
+
+class RecordingLabel : public TextLabel {
+public:
+    QString text;
+    std::optional<Qt::GlobalColor> color;
+    void setStringValue(const QString &t) override { text = t; }
+    void setTextColor(Qt::GlobalColor c) override { color = c; }
+};
+
+QString usbPrint(const QString &extra = {}) { return R"({"requesttype":"print","data":[1,2,3])" + extra + "}"; }
+
+} // namespace
+
+class GatewayTest : public QObject {
+    Q_OBJECT
+    QTemporaryDir config;
+    std::unique_ptr<WebSocketViewController> gateway;
+    RecordingLabel label;
+    QList<QVariantMap> usbRequests;
+    quint16 port = 0;
+
+private slots:
+    void initTestCase() {
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
+        UserDefaults::standard().setValue(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
+        NotificationCenter::defaultCenter().addObserver(NotificationName::USBcontrol, this, [this](const QVariant &o) {
+            usbRequests << o.toMap();
+        });
+    }
+
+    void init() {
+        usbRequests.clear();
+        label = RecordingLabel();
+        gateway = std::make_unique<WebSocketViewController>(0);
+        gateway->websocketLabel = &label;
+        gateway->viewDidLoad();
+        port = gateway->server.serverPort();
+        QVERIFY(port != 0);
+    }
+
+    void cleanup() { gateway.reset(); }
+
+    void startShowsServiceStartedInGreenOnLoopback() {
+        QCOMPARE(label.text, QStringLiteral("서비스 시작"));
+        QCOMPARE(label.color, std::optional<Qt::GlobalColor>(Qt::green));
+        QTcpSocket other;
+        other.connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(other.waitForConnected(2000));
+        QCOMPARE(other.peerAddress(), QHostAddress(QHostAddress::LocalHost));
+    }
+
+    void firstFrameMakesTheSenderHeldAndIsRouted() {
+        PosClient a;
+        QVERIFY(a.open(port));
+        QVERIFY(!gateway->wsSession);
+        a.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        QVERIFY(gateway->wsSession);
+        QCOMPARE(usbRequests.first().value("data").toByteArray(), QByteArray("\x01\x02\x03"));
+    }
+
+    void usbRequestCarriesAllFiveKeys() {
+        PosClient a;
+        QVERIFY(a.open(port));
+        a.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        const QVariantMap r = usbRequests.first();
+        QCOMPARE(r.keys(), (QStringList{"data", "ip", "port", "requesttype", "van"}));
+        QCOMPARE(r.value("requesttype").toString(), QStringLiteral("print"));
+        QVERIFY(isNull(r.value("ip")));
+        QVERIFY(isNull(r.value("port")));
+        QVERIFY(isNull(r.value("van")));
+    }
+
+    void mostRecentSenderWins() {
+        PosClient a, b;
+        QVERIFY(a.open(port));
+        QVERIFY(b.open(port));
+        a.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        b.send(usbPrint());
+        QVERIFY(waitUntil([&] { return a.disconnected; }, 3000));
+        QCOMPARE(a.closeCode, QWebSocketProtocol::CloseCodeNormal);
+        QCOMPARE(usbRequests.size(), 2);
+        QVERIFY(!b.disconnected);
+
+        NotificationCenter::defaultCenter().post(
+            NotificationName::WEBSOCKET, QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("OK")}}},
+                                                     {"devicetype", "CAT"},
+                                                     {"devicename", "KIS-7430"}});
+        QVERIFY(waitUntil([&] { return b.texts.size() == 1; }, 3000));
+        QCOMPARE(a.texts.size(), 0);
+        const QJsonObject json = QJsonDocument::fromJson(b.texts.first().toUtf8()).object();
+        QCOMPARE(json.value("devicename").toString(), QStringLiteral("KIS-7430"));
+        QCOMPARE(json.value("response").toObject().value("data").toString(), QStringLiteral("OK"));
+    }
+
+    void connectionThatNeverSendsGetsNoResponses() {
+        PosClient silent;
+        QVERIFY(silent.open(port));
+        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
+                                                 QVariantMap{{"response", QVariantMap{{"data", "x"}}}});
+        keepRunningFor(300);
+        QCOMPARE(silent.texts.size(), 0);
+    }
+
+    void binaryFrameIsIgnoredAndTheHeldSessionStays() {
+        PosClient a, b;
+        QVERIFY(a.open(port));
+        QVERIFY(b.open(port));
+        a.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        b.socket.sendBinaryMessage(QByteArray(usbPrint().toLatin1()));
+        b.socket.flush();
+        keepRunningFor(300);
+        QCOMPARE(usbRequests.size(), 1);
+        QVERIFY(!a.disconnected);
+        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
+                                                 QVariantMap{{"response", QVariantMap{{"data", "due"}}}});
+        QVERIFY(waitUntil([&] { return a.texts.size() == 1; }, 3000));
+        QCOMPARE(b.texts.size(), 0);
+    }
+
+    void koreanResponseIsValidUtf8Json() {
+        PosClient a;
+        QVERIFY(a.open(port));
+        a.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        NotificationCenter::defaultCenter().post(
+            NotificationName::WEBSOCKET, QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("승인 완료 \"1234\"")}}},
+                                                     {"devicetype", "CAT"},
+                                                     {"devicename", "TS-132N"}});
+        QVERIFY(waitUntil([&] { return a.texts.size() == 1; }, 3000));
+        QJsonParseError error;
+        const QJsonDocument doc = QJsonDocument::fromJson(a.texts.first().toUtf8(), &error);
+        QCOMPARE(error.error, QJsonParseError::NoError);
+        QCOMPARE(doc.object().value("response").toObject().value("data").toString(), QStringLiteral("승인 완료 \"1234\""));
+        QVERIFY(!a.texts.first().contains(u'\n')); // compact
+    }
+
+    void responseFromAnotherThreadReachesThePos() {
+        PosClient a;
+        QVERIFY(a.open(port));
+        a.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        std::unique_ptr<QThread> worker(QThread::create([] {
+            for (int i = 0; i < 3; ++i)
+                NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
+                                                         QVariantMap{{"response", QVariantMap{{"data", QString::number(i)}}}});
+        }));
+        worker->start();
+        QVERIFY(worker->wait(3000));
+        QVERIFY(waitUntil([&] { return a.texts.size() == 3; }, 3000));
+        for (int i = 0; i < 3; ++i)
+            QCOMPARE(QJsonDocument::fromJson(a.texts[i].toUtf8()).object().value("response").toObject().value("data").toString(),
+                     QString::number(i));
+    }
+
+    void responseBeforeAnyFrameIsDropped() {
+        // Not even a malformed object stops the service while nobody is listening.
+        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET, QVariant(5));
+        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET);
+        QVERIFY(!gateway->wsSession);
+    }
+
+    void malformedResponseStopsTheService_data() {
+        QTest::addColumn<QVariant>("object");
+        QTest::newRow("absent") << QVariant();
+        QTest::newRow("not a dictionary") << QVariant(QStringLiteral("OK"));
+        QTest::newRow("bytes inside") << QVariant(QVariantMap{{"response", QByteArray("\x01")}});
+        QTest::newRow("not a number") << QVariant(QVariantMap{{"n", std::nan("")}});
+    }
+    void malformedResponseStopsTheService() {
+        QFETCH(QVariant, object);
+        PosClient a;
+        QVERIFY(a.open(port));
+        a.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        const ChildOutcome outcome = runInChild([&] { gateway->notificationHandler(object); });
+        QVERIFY(outcome.exitedNormally);
+        QVERIFY(outcome.exitCode != 0);
+        QVERIFY2(outcome.standardError.startsWith("fatal: "), outcome.standardError.constData());
+        QCOMPARE(outcome.standardError.count('\n'), 1);
+    }
+
+    void startWithoutStatusLabelStopsTheService() {
+        const ChildOutcome outcome = runInChild([] {
+            WebSocketViewController unlabelled(0);
+            unlabelled.viewDidLoad();
+        });
+        QVERIFY(outcome.exitCode != 0);
+        QVERIFY2(outcome.standardError.startsWith("fatal: "), outcome.standardError.constData());
+    }
+
+    void otherPathsAreNotUpgraded() {
+        QVERIFY(rawHandshake(port, "/other").startsWith("HTTP/1.1 404"));
+        QVERIFY(rawHandshake(port, "/other/").startsWith("HTTP/1.1 404"));
+        QVERIFY(rawHandshake(port, "//").startsWith("HTTP/1.1 404"));
+        QVERIFY(rawHandshake(port, "/").startsWith("HTTP/1.1 101"));
+        QVERIFY(rawHandshake(port, "/?session=1").startsWith("HTTP/1.1 101"));
+    }
+
+    void requestWithoutHostIsRefused() {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(socket.waitForConnected(2000));
+        socket.write("GET / HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n\r\n");
+        QVERIFY(waitUntil([&] { return socket.bytesAvailable() > 0; }, 3000));
+        QVERIFY(socket.readAll().startsWith("HTTP/1.1 400"));
+    }
+
+    void originsCanBeRestricted() {
+        UserDefaults::standard().setValue(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS"),
+                                          QStringLiteral("http://pos.local, https://pos.example"));
+        QVERIFY(rawHandshake(port, "/", "Origin: http://evil.example\r\n").startsWith("HTTP/1.1 403"));
+        QVERIFY(rawHandshake(port, "/", "Origin: http://pos.local\r\n").startsWith("HTTP/1.1 101"));
+        QVERIFY(rawHandshake(port, "/", "Origin: https://pos.example\r\n").startsWith("HTTP/1.1 101"));
+        QVERIFY(rawHandshake(port, "/").startsWith("HTTP/1.1 101")); // no Origin: not a browser
+        UserDefaults::standard().remove(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS"));
+        QVERIFY(rawHandshake(port, "/", "Origin: http://evil.example\r\n").startsWith("HTTP/1.1 101"));
+    }
+
+    void unfinishedHandshakeIsDropped() {
+        gateway->server.setHandshakeTimeout(300);
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(socket.waitForConnected(2000));
+        socket.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n"); // never finished
+        QElapsedTimer clock;
+        clock.start();
+        QVERIFY(waitUntil([&] { return socket.state() == QAbstractSocket::UnconnectedState; }, 3000));
+        QVERIFY(clock.elapsed() >= 250);
+    }
+
+    void oversizedMessageIsRefusedWith1009() {
+        gateway->server.setMaxIncomingMessageSize(1024);
+        PosClient big;
+        QVERIFY(big.open(port));
+        big.send(QString(2048, u'x'));
+        QVERIFY(waitUntil([&] { return big.disconnected; }, 3000));
+        QCOMPARE(big.closeCode, QWebSocketProtocol::CloseCodeTooMuchData);
+        QCOMPARE(usbRequests.size(), 0);
+        PosClient next;
+        QVERIFY(next.open(port));
+        next.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+    }
+
+    void listenAllIsAnOptIn() {
+        QCOMPARE(gateway->server.isListening(), true);
+        UserDefaults::standard().setValue(QStringLiteral("WEBSOCKET_LISTEN_ALL"), QStringLiteral("true"));
+        WebSocketViewController open(0);
+        RecordingLabel openLabel;
+        open.websocketLabel = &openLabel;
+        open.viewDidLoad();
+        UserDefaults::standard().remove(QStringLiteral("WEBSOCKET_LISTEN_ALL"));
+        QTcpSocket probe;
+        probe.connectToHost(QHostAddress::LocalHostIPv6, open.server.serverPort());
+        QVERIFY(probe.waitForConnected(2000)); // Any includes the IPv6 loopback; 127.0.0.1 alone would not
+        QTcpSocket refused;
+        refused.connectToHost(QHostAddress::LocalHostIPv6, port);
+        QVERIFY(!refused.waitForConnected(1000));
+    }
+};
+
+QTEST_GUILESS_MAIN(GatewayTest)
+#include "tst_gateway.moc"

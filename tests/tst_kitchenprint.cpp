@@ -1,0 +1,132 @@
+#include "blackhole.h"
+#include "cp949.h"
+#include "fakeprinter.h"
+#include "kitchenprintservice.h"
+#include "wait.h"
+
+#include <QElapsedTimer>
+#include <QtTest>
+
+namespace {
+
+QVariantMap order(const QByteArray &utf8, const QVariant &port, const QVariant &ip = QStringLiteral("127.0.0.1")) {
+    return {{"data", utf8}, {"ip", ip}, {"port", port}, {"van", QVariant::fromValue(nullptr)},
+            {"requesttype", QStringLiteral("kitchenPrint")}};
+}
+
+} // namespace
+
+class KitchenPrintTest : public QObject {
+    Q_OBJECT
+private slots:
+    void asciiOrderIsSentByteForByte() {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        KitchenPrintService().printKitchenOrder(order("TABLE 7\nCOFFEE x2\n", printer.port()));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
+        QCOMPARE(printer.connections().first().received, QByteArray("TABLE 7\nCOFFEE x2\n"));
+    }
+
+    void hangulIsSentInCodePage949() {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        KitchenPrintService().printKitchenOrder(order(QStringLiteral("주문: 김치찌개 2, 똠얌꿍 1\n").toUtf8(), printer.port()));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
+        QCOMPARE(printer.connections().first().received,
+                 QByteArray::fromHex("c1d6b9ae3a20b1e8c4a1c2eeb0b320322c208c63bee4b2e120310a"));
+    }
+
+    void controlBytesPassThrough() {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        const QByteArray escpos("\x1b@\x1b!\x10" "\xed\x95\x9c\n\x1dV\x41\x03", 13); // init, size, 한, LF, cut
+        KitchenPrintService().printKitchenOrder(order(escpos, printer.port()));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
+        QCOMPARE(printer.connections().first().received, QByteArray("\x1b@\x1b!\x10\xc7\xd1\n\x1dV\x41\x03", 12));
+    }
+
+    void numberAndStringPortsBehaveAlike() {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        KitchenPrintService().printKitchenOrder(order("A", double(printer.port())));
+        KitchenPrintService().printKitchenOrder(order("B", QString::number(printer.port())));
+        KitchenPrintService().printKitchenOrder(order("C", QStringLiteral("+") + QString::number(printer.port())));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 3; }, 5000));
+        QStringList received;
+        for (const auto &c : printer.connections())
+            received << QString::fromLatin1(c.received);
+        received.sort();
+        QCOMPARE(received, (QStringList{"A", "B", "C"}));
+    }
+
+    void callerIsNotKeptWaiting() {
+        Blackhole dead;
+        QVERIFY(dead.open());
+        QElapsedTimer clock;
+        clock.start();
+        for (int i = 0; i < 5; ++i)
+            KitchenPrintService().printKitchenOrder(order("X", dead.port()));
+        QVERIFY2(clock.elapsed() < 100, qPrintable(QString::number(clock.elapsed())));
+    }
+
+    void silentPrinterIsClosedAboutOneSecondAfterTheSend() {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        KitchenPrintService().printKitchenOrder(order("ORDER\n", printer.port()));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
+        const auto &c = printer.connections().first();
+        const qint64 held = c.closedAtMs - c.lastByteAtMs;
+        QVERIFY2(held >= 900 && held <= 1500, qPrintable(QStringLiteral("held %1 ms").arg(held)));
+    }
+
+    void answeringPrinterIsClosedOnceItHasAnswered() {
+        FakePrinter printer;
+        printer.setReply("\x10\x04\x01 status");
+        QVERIFY(printer.listen());
+        KitchenPrintService().printKitchenOrder(order("ORDER\n", printer.port()));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
+        const auto &c = printer.connections().first();
+        QCOMPARE(c.received, QByteArray("ORDER\n"));
+        QVERIFY2(c.closedAtMs - c.lastByteAtMs < 500, qPrintable(QString::number(c.closedAtMs - c.lastByteAtMs)));
+    }
+
+    void tenOrdersToASilentPrinterAllArriveWithinOneSecond() {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        const qint64 sentAt = printer.nowMs();
+        for (int i = 0; i < 10; ++i)
+            KitchenPrintService().printKitchenOrder(order(QByteArray("ORDER ") + QByteArray::number(i), printer.port()));
+        QVERIFY(waitUntil(
+            [&] {
+                int complete = 0;
+                for (const auto &c : printer.connections())
+                    complete += c.received.size() >= 7;
+                return complete == 10;
+            },
+            1000));
+        QStringList received;
+        for (const auto &c : printer.connections()) {
+            QVERIFY(c.lastByteAtMs - sentAt < 1000);
+            received << QString::fromLatin1(c.received);
+        }
+        received.sort();
+        QCOMPARE(received.size(), 10);
+        QCOMPARE(received.first(), QStringLiteral("ORDER 0"));
+        QCOMPARE(received.last(), QStringLiteral("ORDER 9"));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 10; }, 3000));
+    }
+
+    void largeOrderArrivesWhole() {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        QByteArray text;
+        while (text.size() < 2 * 1024 * 1024)
+            text += QStringLiteral("김치찌개 %1\n").arg(text.size()).toUtf8();
+        KitchenPrintService().printKitchenOrder(order(text, printer.port()));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 10000));
+        QCOMPARE(printer.connections().first().received, *cp949::encode(QString::fromUtf8(text)));
+    }
+};
+
+QTEST_GUILESS_MAIN(KitchenPrintTest)
+#include "tst_kitchenprint.moc"
