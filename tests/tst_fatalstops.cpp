@@ -9,25 +9,33 @@
 #include <QtTest>
 
 namespace {
-constexpr quint16 gatewayPort = 49999;
-const QString recvFired = QStringLiteral("RECV FIRED!!!:");
+constexpr quint16 gatewayPort = ServiceProcess::gatewayPort;
+const QString &recvFired = ServiceProcess::recvFired;
 } // namespace
 
 class FatalStopsTest : public QObject {
     Q_OBJECT
 
-    // Placeholders in a frame: PRINTER is replaced by a live fake printer's port.
-    void expectStop(const QString &frame, const QString &mainInterface, const QString &reasonPart,
-                    int *printerConnections = nullptr) {
-        FakePrinter printer;
+    // Starts the service with the given interface setting and sends `frame` from a POS;
+    // PRINTER in the frame stands for the port of `printer`.
+    void startAndSend(ServiceProcess &service, PosClient &pos, FakePrinter &printer, const QString &frame,
+                      const QString &mainInterface) {
         QVERIFY(printer.listen());
-        ServiceProcess service;
         if (!mainInterface.isEmpty())
             service.set(QStringLiteral("MAIN_INTERFACE"), mainInterface);
         QVERIFY(service.start());
-        PosClient pos;
         QVERIFY(pos.open(gatewayPort));
         pos.send(QString(frame).replace(QStringLiteral("PRINTER"), QString::number(printer.port())));
+    }
+
+    void expectStop(const QString &frame, const QString &mainInterface, const QString &reasonPart,
+                    int *printerConnections = nullptr) {
+        FakePrinter printer;
+        ServiceProcess service;
+        PosClient pos;
+        startAndSend(service, pos, printer, frame, mainInterface);
+        if (QTest::currentTestFailed())
+            return;
         QVERIFY2(service.waitForExit(5000), "the service kept running");
         QCOMPARE(service.exitStatus(), QProcess::NormalExit);
         QVERIFY(service.exitCode() != 0);
@@ -43,14 +51,11 @@ class FatalStopsTest : public QObject {
 
     void expectNoStop(const QString &frame, const QString &mainInterface) {
         FakePrinter printer;
-        QVERIFY(printer.listen());
         ServiceProcess service;
-        if (!mainInterface.isEmpty())
-            service.set(QStringLiteral("MAIN_INTERFACE"), mainInterface);
-        QVERIFY(service.start());
         PosClient pos;
-        QVERIFY(pos.open(gatewayPort));
-        pos.send(QString(frame).replace(QStringLiteral("PRINTER"), QString::number(printer.port())));
+        startAndSend(service, pos, printer, frame, mainInterface);
+        if (QTest::currentTestFailed())
+            return;
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
         keepRunningFor(2500); // past the connect and read waits of a kitchen job
         QVERIFY(service.isRunning());

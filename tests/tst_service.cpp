@@ -11,8 +11,8 @@
 #include <QtTest>
 
 namespace {
-constexpr quint16 gatewayPort = 49999;
-const QString recvFired = QStringLiteral("RECV FIRED!!!:");
+constexpr quint16 gatewayPort = ServiceProcess::gatewayPort;
+const QString &recvFired = ServiceProcess::recvFired;
 } // namespace
 
 class ServiceTest : public QObject {

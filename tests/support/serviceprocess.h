@@ -8,6 +8,9 @@
 // (so its own settings file), standard output and standard error captured line by line.
 class ServiceProcess {
 public:
+    static constexpr quint16 gatewayPort = 49999;
+    static inline const QString recvFired = QStringLiteral("RECV FIRED!!!:");
+
     ServiceProcess();
     ~ServiceProcess();
 
