@@ -24,7 +24,8 @@ public:
 
 double percentile(std::vector<double> values, double p) {
     std::sort(values.begin(), values.end());
-    const size_t index = std::min(values.size() - 1, static_cast<size_t>(p * static_cast<double>(values.size())));
+    const size_t index =
+        std::min(values.size() - 1, static_cast<size_t>(p * static_cast<double>(values.size())));
     return values[index];
 }
 
@@ -40,7 +41,8 @@ void kitchenLatency(quint16 gatewayPort, int orders, int burst) {
         const qsizetype before = printer.connections().size();
         const qint64 sentAt = printer.nowMs();
         for (int i = 0; i < burst; ++i)
-            pos.send(kitchenOrderFrame(QStringLiteral("주문 %1: 김치찌개 2, 똠얌꿍 1\n").arg(sent + i), printer.port()));
+            pos.send(kitchenOrderFrame(QStringLiteral("주문 %1: 김치찌개 2, 똠얌꿍 1\n").arg(sent + i),
+                                       printer.port()));
         waitUntil(
             [&] {
                 int arrived = 0;
@@ -52,8 +54,8 @@ void kitchenLatency(quint16 gatewayPort, int orders, int burst) {
         for (qsizetype i = before; i < printer.connections().size(); ++i)
             latencies.push_back(double(printer.connections()[i].lastByteAtMs - sentAt));
     }
-    std::printf("| kitchen order, frame to printer (burst %3d) | %6d | %8.1f | %8.1f | %8.1f |\n", burst, orders,
-                percentile(latencies, 0.5), percentile(latencies, 0.95), percentile(latencies, 1.0));
+    std::printf("| kitchen order, frame to printer (burst %3d) | %6d | %8.1f | %8.1f | %8.1f |\n", burst,
+                orders, percentile(latencies, 0.5), percentile(latencies, 0.95), percentile(latencies, 1.0));
     waitUntil([&] { return printer.closedCount() == int(printer.connections().size()); }, 5000);
 }
 
@@ -72,8 +74,8 @@ void parseCost(int dataBytes, int rounds) {
             std::printf("unexpected size\n");
         times.push_back(double(clock.nsecsElapsed()) / 1e6);
     }
-    std::printf("| parse request, data of %8d bytes          | %6d | %8.2f | %8.2f | %8.2f |\n", dataBytes, rounds,
-                percentile(times, 0.5), percentile(times, 0.95), percentile(times, 1.0));
+    std::printf("| parse request, data of %8d bytes          | %6d | %8.2f | %8.2f | %8.2f |\n", dataBytes,
+                rounds, percentile(times, 0.5), percentile(times, 0.95), percentile(times, 1.0));
 }
 
 } // namespace

@@ -14,8 +14,8 @@ private slots:
     }
 
     void headlessAndRepeatedSet() {
-        const CommandLine line = parseCommandLine(
-            {"teranocounter", "--set", "MAIN_INTERFACE=TCP", "--set=TCP_IP=192.168.0.7", "--settings", "--headless"});
+        const CommandLine line = parseCommandLine({"teranocounter", "--set", "MAIN_INTERFACE=TCP",
+                                                   "--set=TCP_IP=192.168.0.7", "--settings", "--headless"});
         QVERIFY(line.error.isEmpty());
         QVERIFY(line.headless);
         QVERIFY(line.printSettings);

@@ -20,10 +20,14 @@ private slots:
     }
 
     void asciiAndControlBytesPassThrough() {
-        const QString text = QString::fromLatin1("\x1b@\x1dV\x00" "A\nTable 3\r\n\t", 13);
+        const QString text = QString::fromLatin1("\x1b@\x1dV\x00"
+                                                 "A\nTable 3\r\n\t",
+                                                 13);
         const auto bytes = cp949::encode(text);
         QVERIFY(bytes);
-        QCOMPARE(*bytes, QByteArray("\x1b@\x1dV\x00" "A\nTable 3\r\n\t", 13));
+        QCOMPARE(*bytes, QByteArray("\x1b@\x1dV\x00"
+                                    "A\nTable 3\r\n\t",
+                                    13));
     }
 
     void emptyTextIsEmptyBytes() {
@@ -39,7 +43,8 @@ private slots:
     }
 
     void decodeIsStrict() {
-        QCOMPARE(cp949::decode(QByteArray::fromHex("c7d1b1db")), std::optional<QString>(QStringLiteral("한글")));
+        QCOMPARE(cp949::decode(QByteArray::fromHex("c7d1b1db")),
+                 std::optional<QString>(QStringLiteral("한글")));
         QVERIFY(!cp949::decode(QByteArray::fromHex("c7"))); // truncated pair
         QVERIFY(!cp949::decode(QByteArray::fromHex("ff41")));
     }

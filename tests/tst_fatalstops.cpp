@@ -69,22 +69,61 @@ private slots:
         QTest::addColumn<QString>("frame");
         QTest::addColumn<QString>("mainInterface");
         QTest::addColumn<QString>("reason");
-        QTest::newRow("raw Korean inside a string") << QStringLiteral(R"({"requesttype":"kitchenPrint","data":[],"ip":"127.0.0.1","port":PRINTER,"memo":"김치"})") << "" << "non-ASCII";
-        QTest::newRow("not JSON") << "PRINT PLEASE" << "TCP" << "not JSON";
-        QTest::newRow("empty frame") << "" << "TCP" << "not JSON";
-        QTest::newRow("top level array") << R"([{"requesttype":"print","data":[]}])" << "TCP" << "object";
-        QTest::newRow("data missing") << R"({"requesttype":"print"})" << "TCP" << "data";
-        QTest::newRow("data 256") << R"({"requesttype":"print","data":[1,256]})" << "TCP" << "data";
-        QTest::newRow("data -1") << R"({"requesttype":"print","data":[-1]})" << "TCP" << "data";
-        QTest::newRow("data a string") << R"({"requesttype":"print","data":"AB"})" << "TCP" << "data";
-        QTest::newRow("requesttype missing") << R"({"data":[1]})" << "TCP" << "requesttype";
-        QTest::newRow("payment with no interface set") << R"({"requesttype":"payment","data":[1]})" << "" << "MAIN_INTERFACE";
-        QTest::newRow("kitchen: ip missing") << R"({"requesttype":"kitchenPrint","data":[65],"port":PRINTER})" << "" << "ip";
-        QTest::newRow("kitchen: ip a number") << R"({"requesttype":"kitchenPrint","data":[65],"ip":127,"port":PRINTER})" << "" << "ip";
-        QTest::newRow("kitchen: port missing") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1"})" << "" << "port";
-        QTest::newRow("kitchen: port with a decimal point") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"9100.0"})" << "" << "port";
-        QTest::newRow("kitchen: port with a fraction") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":9100.5})" << "" << "port";
-        QTest::newRow("kitchen: port with a leading blank") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":" 9100"})" << "" << "port";
+        QTest::newRow("raw Korean inside a string")
+            << QStringLiteral(
+                   R"({"requesttype":"kitchenPrint","data":[],"ip":"127.0.0.1","port":PRINTER,"memo":"김치"})")
+            << ""
+            << "non-ASCII";
+        QTest::newRow("not JSON") << "PRINT PLEASE"
+                                  << "TCP"
+                                  << "not JSON";
+        QTest::newRow("empty frame") << ""
+                                     << "TCP"
+                                     << "not JSON";
+        QTest::newRow("top level array") << R"([{"requesttype":"print","data":[]}])"
+                                         << "TCP"
+                                         << "object";
+        QTest::newRow("data missing") << R"({"requesttype":"print"})"
+                                      << "TCP"
+                                      << "data";
+        QTest::newRow("data 256") << R"({"requesttype":"print","data":[1,256]})"
+                                  << "TCP"
+                                  << "data";
+        QTest::newRow("data -1") << R"({"requesttype":"print","data":[-1]})"
+                                 << "TCP"
+                                 << "data";
+        QTest::newRow("data a string") << R"({"requesttype":"print","data":"AB"})"
+                                       << "TCP"
+                                       << "data";
+        QTest::newRow("requesttype missing") << R"({"data":[1]})"
+                                             << "TCP"
+                                             << "requesttype";
+        QTest::newRow("payment with no interface set") << R"({"requesttype":"payment","data":[1]})"
+                                                       << ""
+                                                       << "MAIN_INTERFACE";
+        QTest::newRow("kitchen: ip missing") << R"({"requesttype":"kitchenPrint","data":[65],"port":PRINTER})"
+                                             << ""
+                                             << "ip";
+        QTest::newRow("kitchen: ip a number")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":127,"port":PRINTER})"
+            << ""
+            << "ip";
+        QTest::newRow("kitchen: port missing")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1"})"
+            << ""
+            << "port";
+        QTest::newRow("kitchen: port with a decimal point")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"9100.0"})"
+            << ""
+            << "port";
+        QTest::newRow("kitchen: port with a fraction")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":9100.5})"
+            << ""
+            << "port";
+        QTest::newRow("kitchen: port with a leading blank")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":" 9100"})"
+            << ""
+            << "port";
     }
     void malformedRequestsStop() {
         QFETCH(QString, frame);
@@ -95,9 +134,11 @@ private slots:
 
     void kitchenTextThatCannotBePrintedStopsAfterTheConnect_data() {
         QTest::addColumn<QString>("frame");
-        QTest::newRow("not UTF-8") << R"({"requesttype":"kitchenPrint","data":[255,254],"ip":"127.0.0.1","port":PRINTER})";
+        QTest::newRow("not UTF-8")
+            << R"({"requesttype":"kitchenPrint","data":[255,254],"ip":"127.0.0.1","port":PRINTER})";
         // 😀 as UTF-8: a character code page 949 does not have
-        QTest::newRow("emoji") << R"({"requesttype":"kitchenPrint","data":[65,240,159,152,128],"ip":"127.0.0.1","port":PRINTER})";
+        QTest::newRow("emoji")
+            << R"({"requesttype":"kitchenPrint","data":[65,240,159,152,128],"ip":"127.0.0.1","port":PRINTER})";
     }
     void kitchenTextThatCannotBePrintedStopsAfterTheConnect() {
         QFETCH(QString, frame);
@@ -115,7 +156,9 @@ private slots:
         QVERIFY(service.start());
         PosClient pos;
         QVERIFY(pos.open(gatewayPort));
-        pos.send(QStringLiteral(R"({"requesttype":"kitchenPrint","data":[240,159,152,128],"ip":"127.0.0.1","port":%1})").arg(deadPort));
+        pos.send(QStringLiteral(
+                     R"({"requesttype":"kitchenPrint","data":[240,159,152,128],"ip":"127.0.0.1","port":%1})")
+                     .arg(deadPort));
         QVERIFY(service.waitForStdoutLineCount(2, 3000));
         keepRunningFor(500);
         QVERIFY(service.isRunning());
@@ -125,16 +168,32 @@ private slots:
     void wellFormedRequestsDoNotStop_data() {
         QTest::addColumn<QString>("frame");
         QTest::addColumn<QString>("mainInterface");
-        QTest::newRow("kitchen print, no interface") << R"({"requesttype":"kitchenPrint","data":[65,66],"ip":"127.0.0.1","port":PRINTER})" << "";
-        QTest::newRow("kitchen port as string") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"PRINTER"})" << "";
-        QTest::newRow("kitchen port with plus") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"+PRINTER"})" << "";
-        QTest::newRow("escaped Korean") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":PRINTER,"memo":"\uae40\uce58"})" << "";
-        QTest::newRow("empty data") << R"({"requesttype":"kitchenPrint","data":[],"ip":"127.0.0.1","port":PRINTER})" << "";
-        QTest::newRow("extra keys") << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":PRINTER,"van":"KIS","x":[1,{"y":null}]})" << "";
-        QTest::newRow("USB with no channel") << R"({"requesttype":"print","data":[1]})" << "USB";
-        QTest::newRow("TCP with no channel") << R"({"requesttype":"print","data":[1]})" << "TCP";
-        QTest::newRow("unknown interface") << R"({"requesttype":"print","data":[1]})" << "BT";
-        QTest::newRow("requesttype number") << R"({"requesttype":5,"data":[1]})" << "USB";
+        QTest::newRow("kitchen print, no interface")
+            << R"({"requesttype":"kitchenPrint","data":[65,66],"ip":"127.0.0.1","port":PRINTER})"
+            << "";
+        QTest::newRow("kitchen port as string")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"PRINTER"})"
+            << "";
+        QTest::newRow("kitchen port with plus")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"+PRINTER"})"
+            << "";
+        QTest::newRow("escaped Korean")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":PRINTER,"memo":"\uae40\uce58"})"
+            << "";
+        QTest::newRow("empty data")
+            << R"({"requesttype":"kitchenPrint","data":[],"ip":"127.0.0.1","port":PRINTER})"
+            << "";
+        QTest::newRow("extra keys")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":PRINTER,"van":"KIS","x":[1,{"y":null}]})"
+            << "";
+        QTest::newRow("USB with no channel") << R"({"requesttype":"print","data":[1]})"
+                                             << "USB";
+        QTest::newRow("TCP with no channel") << R"({"requesttype":"print","data":[1]})"
+                                             << "TCP";
+        QTest::newRow("unknown interface") << R"({"requesttype":"print","data":[1]})"
+                                           << "BT";
+        QTest::newRow("requesttype number") << R"({"requesttype":5,"data":[1]})"
+                                            << "USB";
     }
     void wellFormedRequestsDoNotStop() {
         QFETCH(QString, frame);

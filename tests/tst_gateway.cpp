@@ -1,7 +1,7 @@
 #include "forked.h"
-#include "posclient.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
+#include "posclient.h"
 #include "request.h"
 #include "userdefaults.h"
 #include "wait.h"
@@ -25,7 +25,9 @@ public:
     void setTextColor(Qt::GlobalColor c) override { color = c; }
 };
 
-QString usbPrint(const QString &extra = {}) { return R"({"requesttype":"print","data":[1,2,3])" + extra + "}"; }
+QString usbPrint(const QString &extra = {}) {
+    return R"({"requesttype":"print","data":[1,2,3])" + extra + "}";
+}
 
 } // namespace
 
@@ -41,9 +43,8 @@ private slots:
     void initTestCase() {
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
         UserDefaults::standard().setValue(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
-        NotificationCenter::defaultCenter().addObserver(NotificationName::USBcontrol, this, [this](const QVariant &o) {
-            usbRequests << o.toMap();
-        });
+        NotificationCenter::defaultCenter().addObserver(
+            NotificationName::USBcontrol, this, [this](const QVariant &o) { usbRequests << o.toMap(); });
     }
 
     void init() {
@@ -103,9 +104,10 @@ private slots:
         QVERIFY(!b.disconnected);
 
         NotificationCenter::defaultCenter().post(
-            NotificationName::WEBSOCKET, QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("OK")}}},
-                                                     {"devicetype", "CAT"},
-                                                     {"devicename", "KIS-7430"}});
+            NotificationName::WEBSOCKET,
+            QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("OK")}}},
+                        {"devicetype", "CAT"},
+                        {"devicename", "KIS-7430"}});
         QVERIFY(waitUntil([&] { return b.texts.size() == 1; }, 3000));
         QCOMPARE(a.texts.size(), 0);
         const QJsonObject json = QJsonDocument::fromJson(b.texts.first().toUtf8()).object();
@@ -145,14 +147,16 @@ private slots:
         a.send(usbPrint());
         QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
         NotificationCenter::defaultCenter().post(
-            NotificationName::WEBSOCKET, QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("승인 완료 \"1234\"")}}},
-                                                     {"devicetype", "CAT"},
-                                                     {"devicename", "TS-132N"}});
+            NotificationName::WEBSOCKET,
+            QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("승인 완료 \"1234\"")}}},
+                        {"devicetype", "CAT"},
+                        {"devicename", "TS-132N"}});
         QVERIFY(waitUntil([&] { return a.texts.size() == 1; }, 3000));
         QJsonParseError error;
         const QJsonDocument doc = QJsonDocument::fromJson(a.texts.first().toUtf8(), &error);
         QCOMPARE(error.error, QJsonParseError::NoError);
-        QCOMPARE(doc.object().value("response").toObject().value("data").toString(), QStringLiteral("승인 완료 \"1234\""));
+        QCOMPARE(doc.object().value("response").toObject().value("data").toString(),
+                 QStringLiteral("승인 완료 \"1234\""));
         QVERIFY(!a.texts.first().contains(u'\n')); // compact
     }
 
@@ -163,14 +167,20 @@ private slots:
         QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
         std::unique_ptr<QThread> worker(QThread::create([] {
             for (int i = 0; i < 3; ++i)
-                NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                                         QVariantMap{{"response", QVariantMap{{"data", QString::number(i)}}}});
+                NotificationCenter::defaultCenter().post(
+                    NotificationName::WEBSOCKET,
+                    QVariantMap{{"response", QVariantMap{{"data", QString::number(i)}}}});
         }));
         worker->start();
         QVERIFY(worker->wait(3000));
         QVERIFY(waitUntil([&] { return a.texts.size() == 3; }, 3000));
         for (int i = 0; i < 3; ++i)
-            QCOMPARE(QJsonDocument::fromJson(a.texts[i].toUtf8()).object().value("response").toObject().value("data").toString(),
+            QCOMPARE(QJsonDocument::fromJson(a.texts[i].toUtf8())
+                         .object()
+                         .value("response")
+                         .toObject()
+                         .value("data")
+                         .toString(),
                      QString::number(i));
     }
 

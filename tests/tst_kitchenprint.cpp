@@ -9,8 +9,12 @@
 
 namespace {
 
-QVariantMap order(const QByteArray &utf8, const QVariant &port, const QVariant &ip = QStringLiteral("127.0.0.1")) {
-    return {{"data", utf8}, {"ip", ip}, {"port", port}, {"van", QVariant::fromValue(nullptr)},
+QVariantMap order(const QByteArray &utf8, const QVariant &port,
+                  const QVariant &ip = QStringLiteral("127.0.0.1")) {
+    return {{"data", utf8},
+            {"ip", ip},
+            {"port", port},
+            {"van", QVariant::fromValue(nullptr)},
             {"requesttype", QStringLiteral("kitchenPrint")}};
 }
 
@@ -30,7 +34,8 @@ private slots:
     void hangulIsSentInCodePage949() {
         FakePrinter printer;
         QVERIFY(printer.listen());
-        KitchenPrintService().printKitchenOrder(order(QStringLiteral("주문: 김치찌개 2, 똠얌꿍 1\n").toUtf8(), printer.port()));
+        KitchenPrintService().printKitchenOrder(
+            order(QStringLiteral("주문: 김치찌개 2, 똠얌꿍 1\n").toUtf8(), printer.port()));
         QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
         QCOMPARE(printer.connections().first().received,
                  QByteArray::fromHex("c1d6b9ae3a20b1e8c4a1c2eeb0b320322c208c63bee4b2e120310a"));
@@ -39,10 +44,13 @@ private slots:
     void controlBytesPassThrough() {
         FakePrinter printer;
         QVERIFY(printer.listen());
-        const QByteArray escpos("\x1b@\x1b!\x10" "\xed\x95\x9c\n\x1dV\x41\x03", 13); // init, size, 한, LF, cut
+        const QByteArray escpos("\x1b@\x1b!\x10"
+                                "\xed\x95\x9c\n\x1dV\x41\x03",
+                                13); // init, size, 한, LF, cut
         KitchenPrintService().printKitchenOrder(order(escpos, printer.port()));
         QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
-        QCOMPARE(printer.connections().first().received, QByteArray("\x1b@\x1b!\x10\xc7\xd1\n\x1dV\x41\x03", 12));
+        QCOMPARE(printer.connections().first().received,
+                 QByteArray("\x1b@\x1b!\x10\xc7\xd1\n\x1dV\x41\x03", 12));
     }
 
     void numberAndStringPortsBehaveAlike() {
@@ -50,7 +58,8 @@ private slots:
         QVERIFY(printer.listen());
         KitchenPrintService().printKitchenOrder(order("A", double(printer.port())));
         KitchenPrintService().printKitchenOrder(order("B", QString::number(printer.port())));
-        KitchenPrintService().printKitchenOrder(order("C", QStringLiteral("+") + QString::number(printer.port())));
+        KitchenPrintService().printKitchenOrder(
+            order("C", QStringLiteral("+") + QString::number(printer.port())));
         QVERIFY(waitUntil([&] { return printer.closedCount() == 3; }, 5000));
         QStringList received;
         for (const auto &c : printer.connections())
@@ -87,7 +96,8 @@ private slots:
         QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
         const auto &c = printer.connections().first();
         QCOMPARE(c.received, QByteArray("ORDER\n"));
-        QVERIFY2(c.closedAtMs - c.lastByteAtMs < 500, qPrintable(QString::number(c.closedAtMs - c.lastByteAtMs)));
+        QVERIFY2(c.closedAtMs - c.lastByteAtMs < 500,
+                 qPrintable(QString::number(c.closedAtMs - c.lastByteAtMs)));
     }
 
     void tenOrdersToASilentPrinterAllArriveWithinOneSecond() {
@@ -95,7 +105,8 @@ private slots:
         QVERIFY(printer.listen());
         const qint64 sentAt = printer.nowMs();
         for (int i = 0; i < 10; ++i)
-            KitchenPrintService().printKitchenOrder(order(QByteArray("ORDER ") + QByteArray::number(i), printer.port()));
+            KitchenPrintService().printKitchenOrder(
+                order(QByteArray("ORDER ") + QByteArray::number(i), printer.port()));
         QVERIFY(waitUntil(
             [&] {
                 int complete = 0;

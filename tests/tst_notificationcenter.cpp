@@ -24,7 +24,8 @@ private slots:
         });
 
         std::unique_ptr<QThread> poster(QThread::create([&] {
-            center.post(QStringLiteral("X"), QVariantMap{{QStringLiteral("msg"), QStringLiteral("from worker")}});
+            center.post(QStringLiteral("X"),
+                        QVariantMap{{QStringLiteral("msg"), QStringLiteral("from worker")}});
             // Delivered before post() returned, on this very thread.
             QCOMPARE(seen, QStringList{QStringLiteral("from worker")});
             QCOMPARE(observerThread, QThread::currentThread());
@@ -53,7 +54,8 @@ private slots:
     void absentObjectReachesObserverAsInvalid() {
         NotificationCenter center;
         bool valid = true;
-        center.addObserver(QStringLiteral("A"), nullptr, [&](const QVariant &object) { valid = object.isValid(); });
+        center.addObserver(QStringLiteral("A"), nullptr,
+                           [&](const QVariant &object) { valid = object.isValid(); });
         center.post(QStringLiteral("A"));
         QVERIFY(!valid);
     }
@@ -82,7 +84,9 @@ private slots:
         QCOMPARE(calls, (QStringList{"a", "b"}));
     }
 
-    void defaultCenterIsOneObject() { QCOMPARE(&NotificationCenter::defaultCenter(), &NotificationCenter::defaultCenter()); }
+    void defaultCenterIsOneObject() {
+        QCOMPARE(&NotificationCenter::defaultCenter(), &NotificationCenter::defaultCenter());
+    }
 };
 
 QTEST_GUILESS_MAIN(NotificationCenterTest)

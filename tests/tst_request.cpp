@@ -11,9 +11,13 @@ QVariantMap parsed(const QString &text) {
     return std::get<QVariantMap>(result);
 }
 
-bool parseFails(const QString &text) { return std::holds_alternative<RequestError>(parseRequestObject(text)); }
+bool parseFails(const QString &text) {
+    return std::holds_alternative<RequestError>(parseRequestObject(text));
+}
 
-std::variant<QVariantMap, RequestError> internalOf(const QString &text) { return buildInternalRequest(parsed(text)); }
+std::variant<QVariantMap, RequestError> internalOf(const QString &text) {
+    return buildInternalRequest(parsed(text));
+}
 
 struct Interface {
     std::optional<QVariant> value;
@@ -32,7 +36,8 @@ class RequestTest : public QObject {
     Q_OBJECT
 private slots:
     void kitchenOrderBecomesTheFiveKeyDictionary() {
-        const auto result = internalOf(R"({"requesttype":"kitchenPrint","data":[65,66],"ip":"192.168.0.50","port":9100})");
+        const auto result =
+            internalOf(R"({"requesttype":"kitchenPrint","data":[65,66],"ip":"192.168.0.50","port":9100})");
         QVERIFY(std::holds_alternative<QVariantMap>(result));
         const QVariantMap internal = std::get<QVariantMap>(result);
         QCOMPARE(internal.keys(), (QStringList{"data", "ip", "port", "requesttype", "van"}));
@@ -47,7 +52,8 @@ private slots:
     }
 
     void absentOptionalKeysAreNull() {
-        const QVariantMap internal = std::get<QVariantMap>(internalOf(R"({"requesttype":"print","data":[1]})"));
+        const QVariantMap internal =
+            std::get<QVariantMap>(internalOf(R"({"requesttype":"print","data":[1]})"));
         QCOMPARE(internal.size(), 5);
         QVERIFY(isNull(internal.value("ip")));
         QVERIFY(isNull(internal.value("port")));
@@ -55,19 +61,21 @@ private slots:
     }
 
     void otherKeysAreIgnored() {
-        const QVariantMap internal =
-            std::get<QVariantMap>(internalOf(R"({"requesttype":"print","data":[1],"msg":"deselect","extra":{"a":1}})"));
+        const QVariantMap internal = std::get<QVariantMap>(
+            internalOf(R"({"requesttype":"print","data":[1],"msg":"deselect","extra":{"a":1}})"));
         QCOMPARE(internal.size(), 5);
         QVERIFY(!internal.contains("msg"));
     }
 
     void portAsStringStaysString() {
-        const QVariantMap internal = std::get<QVariantMap>(internalOf(R"({"requesttype":"kitchenPrint","data":[],"port":"9100"})"));
+        const QVariantMap internal =
+            std::get<QVariantMap>(internalOf(R"({"requesttype":"kitchenPrint","data":[],"port":"9100"})"));
         QCOMPARE(internal.value("port").typeId(), QMetaType::QString);
     }
 
     void emptyDataIsAnEmptyBuffer() {
-        const QVariantMap internal = std::get<QVariantMap>(internalOf(R"({"requesttype":"kitchenPrint","data":[]})"));
+        const QVariantMap internal =
+            std::get<QVariantMap>(internalOf(R"({"requesttype":"kitchenPrint","data":[]})"));
         QCOMPARE(internal.value("data").typeId(), QMetaType::QByteArray);
         QCOMPARE(internal.value("data").toByteArray().size(), 0);
     }
@@ -79,7 +87,8 @@ private slots:
             array += (i ? "," : "") + QString::number(i);
             expected.append(static_cast<char>(i));
         }
-        const auto internal = std::get<QVariantMap>(internalOf(R"({"requesttype":"x","data":[)" + array + "]}"));
+        const auto internal =
+            std::get<QVariantMap>(internalOf(R"({"requesttype":"x","data":[)" + array + "]}"));
         QCOMPARE(internal.value("data").toByteArray(), expected);
     }
 
@@ -106,7 +115,8 @@ private slots:
         QVERIFY(parseFails(QStringLiteral("{\"requesttype\":\"print\",\"data\":[]}\u00a0")));
         QVERIFY(parseFails(QStringLiteral("{\"requesttype\":\"caf\u00e9\",\"data\":[]}")));
         // The same character escaped is plain ASCII.
-        const QVariantMap object = parsed(QStringLiteral(R"({"requesttype":"kitchenPrint","data":[],"memo":"\ud55c"})"));
+        const QVariantMap object =
+            parsed(QStringLiteral(R"({"requesttype":"kitchenPrint","data":[],"memo":"\ud55c"})"));
         QCOMPARE(object.value("memo").toString(), QStringLiteral("한"));
     }
 
@@ -151,26 +161,38 @@ private slots:
         QTest::addColumn<QString>("requesttype");
         QTest::addColumn<QString>("interface");
         QTest::addColumn<int>("target");
-        const int tcp = int(RouteTarget::TCPcontrol), usb = int(RouteTarget::USBcontrol), drop = int(RouteTarget::Drop),
-                  kitchen = int(RouteTarget::KitchenPrint);
-        QTest::newRow("print on USB") << R"("print")" << "USB" << usb;
-        QTest::newRow("print on TCP") << R"("print")" << "TCP" << tcp;
-        QTest::newRow("BT is dropped") << R"("print")" << "BT" << drop;
-        QTest::newRow("tcp lower case is dropped") << R"("print")" << "tcp" << drop;
-        QTest::newRow("Usb mixed case is dropped") << R"("print")" << "Usb" << drop;
-        QTest::newRow("blank around USB is dropped") << R"("print")" << " USB" << drop;
-        QTest::newRow("empty interface is dropped") << R"("print")" << "" << drop;
-        QTest::newRow("KitchenPrint capital K is a terminal request") << R"("KitchenPrint")" << "USB" << usb;
-        QTest::newRow("number 5 goes to the channel") << "5" << "TCP" << tcp;
-        QTest::newRow("null goes to the channel") << "null" << "TCP" << tcp;
-        QTest::newRow("kitchenPrint wins whatever the interface") << R"("kitchenPrint")" << "BT" << kitchen;
+        const int tcp = int(RouteTarget::TCPcontrol), usb = int(RouteTarget::USBcontrol),
+                  drop = int(RouteTarget::Drop), kitchen = int(RouteTarget::KitchenPrint);
+        QTest::newRow("print on USB") << R"("print")"
+                                      << "USB" << usb;
+        QTest::newRow("print on TCP") << R"("print")"
+                                      << "TCP" << tcp;
+        QTest::newRow("BT is dropped") << R"("print")"
+                                       << "BT" << drop;
+        QTest::newRow("tcp lower case is dropped") << R"("print")"
+                                                   << "tcp" << drop;
+        QTest::newRow("Usb mixed case is dropped") << R"("print")"
+                                                   << "Usb" << drop;
+        QTest::newRow("blank around USB is dropped") << R"("print")"
+                                                     << " USB" << drop;
+        QTest::newRow("empty interface is dropped") << R"("print")"
+                                                    << "" << drop;
+        QTest::newRow("KitchenPrint capital K is a terminal request") << R"("KitchenPrint")"
+                                                                      << "USB" << usb;
+        QTest::newRow("number 5 goes to the channel") << "5"
+                                                      << "TCP" << tcp;
+        QTest::newRow("null goes to the channel") << "null"
+                                                  << "TCP" << tcp;
+        QTest::newRow("kitchenPrint wins whatever the interface") << R"("kitchenPrint")"
+                                                                  << "BT" << kitchen;
     }
     void interfaceChoosesTheChannel() {
         QFETCH(QString, requesttype);
         QFETCH(QString, interface);
         QFETCH(int, target);
         Interface setting{QVariant(interface)};
-        const auto result = routeFor(parsed(R"({"data":[1],"requesttype":)" + requesttype + "}"), setting.reader());
+        const auto result =
+            routeFor(parsed(R"({"data":[1],"requesttype":)" + requesttype + "}"), setting.reader());
         QVERIFY(std::holds_alternative<RouteTarget>(result));
         QCOMPARE(int(std::get<RouteTarget>(result)), target);
     }

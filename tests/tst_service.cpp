@@ -32,7 +32,8 @@ private slots:
         const auto &c = printer.connections().first();
         QCOMPARE(c.received, QByteArray::fromHex("c1d6b9ae3a20b1e8c4a1c2eeb0b320322c208c63bee4b2e120310a"));
         const qint64 held = c.closedAtMs - c.lastByteAtMs;
-        QVERIFY2(held >= 900 && held <= 1500, qPrintable(QStringLiteral("closed %1 ms after the send").arg(held)));
+        QVERIFY2(held >= 900 && held <= 1500,
+                 qPrintable(QStringLiteral("closed %1 ms after the send").arg(held)));
         keepRunningFor(300);
         QCOMPARE(pos.texts.size(), 0); // a kitchen order has no answer
         QVERIFY(!pos.disconnected);
@@ -229,7 +230,8 @@ private slots:
         clock.start();
         QVERIFY(waitUntil([&] { return idle.state() == QAbstractSocket::UnconnectedState; }, 15000));
         QVERIFY(waitUntil([&] { return partial.state() == QAbstractSocket::UnconnectedState; }, 2000));
-        QVERIFY2(clock.elapsed() >= 9500 && clock.elapsed() <= 11500, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY2(clock.elapsed() >= 9500 && clock.elapsed() <= 11500,
+                 qPrintable(QString::number(clock.elapsed())));
         QVERIFY(service.isRunning());
     }
 
@@ -254,9 +256,11 @@ private slots:
 
     void disallowedOriginIsRefused403() {
         ServiceProcess service;
-        service.set(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS"), QStringLiteral("http://localhost:3000,http://pos.local"));
+        service.set(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS"),
+                    QStringLiteral("http://localhost:3000,http://pos.local"));
         QVERIFY(service.start());
-        QVERIFY(rawHandshake(gatewayPort, "/", "Origin: http://attacker.example\r\n").startsWith("HTTP/1.1 403"));
+        QVERIFY(
+            rawHandshake(gatewayPort, "/", "Origin: http://attacker.example\r\n").startsWith("HTTP/1.1 403"));
         QVERIFY(rawHandshake(gatewayPort, "/", "Origin: http://pos.local\r\n").startsWith("HTTP/1.1 101"));
         QVERIFY(rawHandshake(gatewayPort, "/").startsWith("HTTP/1.1 101"));
     }

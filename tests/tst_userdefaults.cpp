@@ -15,7 +15,8 @@ private slots:
     }
 
     void fileIsWhereTheServiceDocumentsIt() {
-        QCOMPARE(UserDefaults::standard().fileName(), config.path() + QStringLiteral("/teranocounter/teranocounter.conf"));
+        QCOMPARE(UserDefaults::standard().fileName(),
+                 config.path() + QStringLiteral("/teranocounter/teranocounter.conf"));
     }
 
     void writeIsOnDiskAtOnce() {
@@ -25,12 +26,11 @@ private slots:
         const QByteArray contents = file.readAll();
         QVERIFY2(contents.contains("[General]"), contents.constData());
         QVERIFY2(contents.contains("MAIN_INTERFACE=TCP"), contents.constData());
-        QCOMPARE(UserDefaults::standard().string(QStringLiteral("MAIN_INTERFACE")), std::optional<QString>(QStringLiteral("TCP")));
+        QCOMPARE(UserDefaults::standard().string(QStringLiteral("MAIN_INTERFACE")),
+                 std::optional<QString>(QStringLiteral("TCP")));
     }
 
-    void absentKeyHasNoValue() {
-        QVERIFY(!UserDefaults::standard().value(QStringLiteral("NEVER_WRITTEN")));
-    }
+    void absentKeyHasNoValue() { QVERIFY(!UserDefaults::standard().value(QStringLiteral("NEVER_WRITTEN"))); }
 
     void changeMadeByAnotherWriterIsSeenOnTheNextRead() {
         UserDefaults::standard().setValue(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("TCP"));
@@ -41,8 +41,10 @@ private slots:
         // Make sure the modification time differs from the last write.
         QVERIFY(file.setFileTime(QDateTime::currentDateTime().addSecs(5), QFileDevice::FileModificationTime));
         file.close();
-        QCOMPARE(UserDefaults::standard().string(QStringLiteral("MAIN_INTERFACE")), std::optional<QString>(QStringLiteral("USB")));
-        QCOMPARE(UserDefaults::standard().string(QStringLiteral("BAUD_RATE")), std::optional<QString>(QStringLiteral("9600")));
+        QCOMPARE(UserDefaults::standard().string(QStringLiteral("MAIN_INTERFACE")),
+                 std::optional<QString>(QStringLiteral("USB")));
+        QCOMPARE(UserDefaults::standard().string(QStringLiteral("BAUD_RATE")),
+                 std::optional<QString>(QStringLiteral("9600")));
     }
 
     void removeForgetsTheKey() {

@@ -9,7 +9,7 @@ NotificationCenter &NotificationCenter::defaultCenter() {
 }
 
 NotificationCenter::Token NotificationCenter::addObserver(const QString &name, QObject *owner,
-                                                           Observer observer) {
+                                                          Observer observer) {
     Token token;
     {
         QMutexLocker lock(&mutex);
@@ -41,6 +41,6 @@ void NotificationCenter::post(const QString &name, const QVariant &object) {
 
 int NotificationCenter::observerCount(const QString &name) const {
     QMutexLocker lock(&mutex);
-    return static_cast<int>(std::count_if(entries.begin(), entries.end(),
-                                          [&name](const Entry &e) { return e.name == name; }));
+    return static_cast<int>(
+        std::count_if(entries.begin(), entries.end(), [&name](const Entry &e) { return e.name == name; }));
 }

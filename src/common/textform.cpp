@@ -29,7 +29,8 @@ QString textualForm(const QVariant &value) {
     case QMetaType::QVariantList:
     case QMetaType::QVariantMap: {
         const QJsonValue json = QJsonValue::fromVariant(value);
-        const QJsonDocument doc = json.isArray() ? QJsonDocument(json.toArray()) : QJsonDocument(json.toObject());
+        const QJsonDocument doc =
+            json.isArray() ? QJsonDocument(json.toArray()) : QJsonDocument(json.toObject());
         return QString::fromUtf8(doc.toJson(QJsonDocument::Compact));
     }
     default:

@@ -8,8 +8,9 @@ namespace {
 // A QSettings object is not meant to be shared between threads, so each use makes its
 // own; Qt shares the parsed file between them and sync() re-reads it when it changed.
 std::unique_ptr<QSettings> open() {
-    auto settings = std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
-                                                QStringLiteral("teranocounter"), QStringLiteral("teranocounter"));
+    auto settings =
+        std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
+                                    QStringLiteral("teranocounter"), QStringLiteral("teranocounter"));
     settings->sync();
     return settings;
 }
@@ -47,6 +48,10 @@ void UserDefaults::remove(const QString &key) {
     settings->sync();
 }
 
-QStringList UserDefaults::keys() const { return open()->allKeys(); }
+QStringList UserDefaults::keys() const {
+    return open()->allKeys();
+}
 
-QString UserDefaults::fileName() const { return open()->fileName(); }
+QString UserDefaults::fileName() const {
+    return open()->fileName();
+}

@@ -75,7 +75,8 @@ QByteArray HttpResponse::serialized() const {
 }
 
 HttpServer::HttpServer(const QString &serverName, QObject *parent)
-    : QObject(parent), webSocketServer(new QWebSocketServer(serverName, QWebSocketServer::NonSecureMode, this)) {
+    : QObject(parent),
+      webSocketServer(new QWebSocketServer(serverName, QWebSocketServer::NonSecureMode, this)) {
     connect(&tcpServer, &QTcpServer::newConnection, this, &HttpServer::acceptPending);
     connect(webSocketServer, &QWebSocketServer::newConnection, this, &HttpServer::takeUpgraded);
 }

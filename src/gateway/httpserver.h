@@ -15,7 +15,7 @@ class QWebSocketServer;
 
 struct HttpRequest {
     QByteArray method;
-    QByteArray path; // the request target without its query
+    QByteArray path;                      // the request target without its query
     QMap<QByteArray, QByteArray> headers; // names in lower case
     QByteArray body;
 

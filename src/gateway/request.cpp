@@ -9,9 +9,13 @@
 #include <cmath>
 #include <functional>
 
-QVariant nullValue() { return QVariant::fromValue(nullptr); }
+QVariant nullValue() {
+    return QVariant::fromValue(nullptr);
+}
 
-bool isNull(const QVariant &value) { return value.typeId() == QMetaType::Nullptr; }
+bool isNull(const QVariant &value) {
+    return value.typeId() == QMetaType::Nullptr;
+}
 
 std::variant<QVariantMap, RequestError> parseRequestObject(const QString &frameText) {
     for (const QChar c : frameText)

@@ -3,9 +3,9 @@
 #include <QString>
 #include <QVariant>
 #include <QVariantMap>
+#include <functional>
 #include <optional>
 #include <variant>
-#include <functional>
 
 // What a POS frame asks for. Malformed frames are not answered: the caller turns a
 // RequestError into a fatal stop, because the service trusts its single POS client and a

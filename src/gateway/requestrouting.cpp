@@ -23,9 +23,8 @@ void handleRequest(const QString &text) {
 
     const QVariantMap requestObject = orStop(parseRequestObject(text));
     const QVariantMap internal = orStop(buildInternalRequest(requestObject));
-    const RouteTarget target = orStop(routeFor(requestObject, [] {
-        return UserDefaults::standard().value(QStringLiteral("MAIN_INTERFACE"));
-    }));
+    const RouteTarget target = orStop(routeFor(
+        requestObject, [] { return UserDefaults::standard().value(QStringLiteral("MAIN_INTERFACE")); }));
 
     switch (target) {
     case RouteTarget::KitchenPrint:

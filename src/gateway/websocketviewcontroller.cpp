@@ -69,8 +69,8 @@ WebSocketViewController::WebSocketViewController(quint16 port, QObject *parent)
     : QObject(parent), server(QStringLiteral("teranocounter")), port(port) {}
 
 void WebSocketViewController::viewDidLoad() {
-    NotificationCenter::defaultCenter().addObserver(NotificationName::WEBSOCKET, this,
-                                                    [this](const QVariant &object) { notificationHandler(object); });
+    NotificationCenter::defaultCenter().addObserver(
+        NotificationName::WEBSOCKET, this, [this](const QVariant &object) { notificationHandler(object); });
     startWebSocketServer();
 }
 
@@ -84,7 +84,9 @@ void WebSocketViewController::startWebSocketServer() {
     server.setOriginCheck([this](const QByteArray &origin) { return originAllowed(origin); });
 
     if (!server.listen(listenAddress(), port)) {
-        logLine(QStringLiteral("WebSocket server could not start on port %1: %2").arg(port).arg(server.errorString()));
+        logLine(QStringLiteral("WebSocket server could not start on port %1: %2")
+                    .arg(port)
+                    .arg(server.errorString()));
         return;
     }
     if (!websocketLabel)
@@ -119,7 +121,8 @@ void WebSocketViewController::notificationHandler(const QVariant &object) {
     if (QThread::currentThread() == thread())
         writeResponse(text);
     else // sockets belong to the gateway's thread; the write keeps the posting order
-        QMetaObject::invokeMethod(this, [this, text] { writeResponse(text); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, text] { writeResponse(text); }, Qt::QueuedConnection);
 }
 
 void WebSocketViewController::writeResponse(const QString &text) {
@@ -128,14 +131,16 @@ void WebSocketViewController::writeResponse(const QString &text) {
 }
 
 QHostAddress WebSocketViewController::listenAddress() const {
-    const std::optional<QString> all = UserDefaults::standard().string(QStringLiteral("WEBSOCKET_LISTEN_ALL"));
+    const std::optional<QString> all =
+        UserDefaults::standard().string(QStringLiteral("WEBSOCKET_LISTEN_ALL"));
     if (all && all->trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0)
         return QHostAddress::Any;
     return QHostAddress::LocalHost;
 }
 
 bool WebSocketViewController::originAllowed(const QByteArray &origin) const {
-    const std::optional<QVariant> setting = UserDefaults::standard().value(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS"));
+    const std::optional<QVariant> setting =
+        UserDefaults::standard().value(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS"));
     if (!setting)
         return true;
     // A hand-edited INI file turns an unquoted comma list into a string list.

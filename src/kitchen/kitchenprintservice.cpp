@@ -107,7 +107,8 @@ private:
 
     void onTimeout() {
         if (stage == Stage::Connecting)
-            fail(QStringLiteral("connection timed out after %1 s").arg(KitchenPrintService::connectTimeoutMs / 1000));
+            fail(QStringLiteral("connection timed out after %1 s")
+                     .arg(KitchenPrintService::connectTimeoutMs / 1000));
         else if (stage == Stage::Reading)
             close();
     }
@@ -170,7 +171,8 @@ void KitchenPrintService::deliverToPrinter(const QString &address, const QString
                                            const std::optional<QByteArray> &payload) {
     const std::optional<qint32> port = parseInt32(portText);
     if (!port)
-        fatalStop(QStringLiteral("kitchen printer port \"%1\" is not a decimal 32-bit integer").arg(portText));
+        fatalStop(
+            QStringLiteral("kitchen printer port \"%1\" is not a decimal 32-bit integer").arg(portText));
     if (*port < 0 || *port > 65535) {
         logLine(QStringLiteral("kitchen printer %1:%2: port out of range").arg(address).arg(*port));
         return;

@@ -44,7 +44,8 @@ int runSettingsChores(const CommandLine &line) {
 void ensureRuntimeDirectory() {
     if (!qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR"))
         return;
-    const QString path = QDir::tempPath() + QStringLiteral("/runtime-") + qEnvironmentVariable("USER", QStringLiteral("teranocounter"));
+    const QString path = QDir::tempPath() + QStringLiteral("/runtime-") +
+                         qEnvironmentVariable("USER", QStringLiteral("teranocounter"));
     QDir().mkpath(path);
     QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(path));

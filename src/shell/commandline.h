@@ -1,16 +1,16 @@
 #pragma once
 
+#include <QList>
 #include <QPair>
 #include <QString>
 #include <QStringList>
-#include <QList>
 
 struct CommandLine {
     bool headless = false;
     bool printSettings = false;
     bool help = false;
     QList<QPair<QString, QString>> settingsToWrite; // from --set KEY=VALUE, in order
-    QString error; // non-empty when the arguments cannot be used
+    QString error;                                  // non-empty when the arguments cannot be used
 };
 
 CommandLine parseCommandLine(const QStringList &arguments);

@@ -25,7 +25,9 @@ FakePrinter::FakePrinter(QObject *parent) : QObject(parent) {
     });
 }
 
-bool FakePrinter::listen(quint16 port, const QHostAddress &address) { return server.listen(address, port); }
+bool FakePrinter::listen(quint16 port, const QHostAddress &address) {
+    return server.listen(address, port);
+}
 
 int FakePrinter::closedCount() const {
     int count = 0;

@@ -53,7 +53,8 @@ inline QByteArray rawHandshake(quint16 port, const QByteArray &path, const QByte
 }
 
 // A kitchen order as the POS sends it: the text as UTF-8 byte values.
-inline QString kitchenOrderFrame(const QString &text, quint16 port, const QString &ip = QStringLiteral("127.0.0.1")) {
+inline QString kitchenOrderFrame(const QString &text, quint16 port,
+                                 const QString &ip = QStringLiteral("127.0.0.1")) {
     QStringList bytes;
     for (const char c : text.toUtf8())
         bytes << QString::number(static_cast<unsigned char>(c));

@@ -4,7 +4,9 @@
 
 #include <QTcpSocket>
 
-ServiceProcess::ServiceProcess() { process.setProcessChannelMode(QProcess::SeparateChannels); }
+ServiceProcess::ServiceProcess() {
+    process.setProcessChannelMode(QProcess::SeparateChannels);
+}
 
 ServiceProcess::~ServiceProcess() {
     if (process.state() != QProcess::NotRunning) {
@@ -50,17 +52,20 @@ bool ServiceProcess::gatewayAcceptsConnections() {
 
 bool ServiceProcess::start(bool expectGateway, const QStringList &extraArguments) {
     process.setProcessEnvironment(environment());
-    process.start(QStringLiteral(TERANOCOUNTER_BIN), QStringList{QStringLiteral("--headless")} + extraArguments);
+    process.start(QStringLiteral(TERANOCOUNTER_BIN),
+                  QStringList{QStringLiteral("--headless")} + extraArguments);
     if (!process.waitForStarted(10000))
         return false;
     if (!expectGateway)
         return true;
-    return waitUntil(
-        [this] { return process.state() != QProcess::Running || gatewayAcceptsConnections(); }, 15000) &&
+    return waitUntil([this] { return process.state() != QProcess::Running || gatewayAcceptsConnections(); },
+                     15000) &&
            process.state() == QProcess::Running;
 }
 
-bool ServiceProcess::isRunning() const { return process.state() == QProcess::Running; }
+bool ServiceProcess::isRunning() const {
+    return process.state() == QProcess::Running;
+}
 
 bool ServiceProcess::waitForExit(int timeoutMs) {
     return waitUntil([this] { return process.state() == QProcess::NotRunning; }, timeoutMs);

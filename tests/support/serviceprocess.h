@@ -16,7 +16,9 @@ public:
 
     QString home() const { return homeDir.path(); }
     QString configHome() const { return homeDir.path() + QStringLiteral("/.config"); }
-    QString settingsFile() const { return configHome() + QStringLiteral("/teranocounter/teranocounter.conf"); }
+    QString settingsFile() const {
+        return configHome() + QStringLiteral("/teranocounter/teranocounter.conf");
+    }
 
     // Runs `teranocounter <arguments>` to completion (for --set and --settings).
     int runToEnd(const QStringList &arguments, QByteArray *out = nullptr, QByteArray *err = nullptr);
