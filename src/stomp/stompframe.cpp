@@ -40,9 +40,10 @@ std::optional<STOMPFrame> STOMPFrame::parse(QStringView text) {
     const qsizetype lineEnd = text.indexOf(u'\n');
     const QStringView commandLine = lineEnd < 0 ? text : text.first(lineEnd);
     const std::optional<CommandType> command = commandFromText(commandLine);
-    if (!command)
-        return std::nullopt;
-    return STOMPFrame(*command);
+    std::optional<STOMPFrame> frame;
+    if (command)
+        frame.emplace(STOMPFrame(*command));
+    return frame;
 }
 
 QString STOMPFrame::connected(const QString &sessionId, const std::optional<QString> &attachment) {
