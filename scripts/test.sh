@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs every test: the normal build, then the same
-# tests in an AddressSanitizer + UndefinedBehaviorSanitizer build, then the fuzzers.
+# fuzzers, then the same tests in an AddressSanitizer + UndefinedBehaviorSanitizer build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh --test
@@ -19,16 +19,16 @@ bash scripts/build.sh build
 echo "== tests"
 (cd build && ctest --output-on-failure)
 
-echo "== build with AddressSanitizer and UndefinedBehaviorSanitizer"
-bash scripts/build.sh build-asan -DTERANO_SANITIZE=ON
-echo "== tests with sanitizers"
-export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1"
-export LSAN_OPTIONS="suppressions=$PWD/tests/sanitizer/lsan.supp:print_suppressions=0"
-export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
-(cd build-asan && ctest --output-on-failure)
-
 for fuzz in tests/*/fuzz/run-fuzz.sh; do
     [[ -f $fuzz ]] || continue
     echo "== fuzz: $fuzz"
     bash "$fuzz" build
 done
+
+echo "== build with AddressSanitizer and UndefinedBehaviorSanitizer"
+bash scripts/build.sh build-asan -DTERANO_SANITIZE=ON
+echo "== tests with sanitizers"
+export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+(cd build-asan && ctest --output-on-failure)
+
