@@ -120,6 +120,10 @@ private slots:
             << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":9100.5})"
             << ""
             << "port";
+        QTest::newRow("kitchen: port with a line break")
+            << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":"91\n00"})"
+            << ""
+            << "port";
         QTest::newRow("kitchen: port with a leading blank")
             << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":" 9100"})"
             << ""

@@ -94,6 +94,20 @@ private slots:
         QCOMPARE(printer.connections().first().received, QByteArray("OK\n"));
     }
 
+    void printerAddressWithALineBreakStillGivesOneLine() {
+        ServiceProcess service;
+        QVERIFY(service.start());
+        PosClient pos;
+        QVERIFY(pos.open(gatewayPort));
+        pos.send(R"({"requesttype":"kitchenPrint","data":[65],"ip":"no\nsuch.invalid","port":9100})");
+        QVERIFY(service.waitForStdoutLineCount(2, 5000));
+        keepRunningFor(1500);
+        const QStringList lines = service.stdoutLines();
+        QCOMPARE(lines.size(), 2);
+        QVERIFY2(lines[1].contains(QStringLiteral("no\\nsuch.invalid")), qPrintable(lines[1]));
+        QVERIFY(service.isRunning());
+    }
+
     void printerThatNeverAnswersTheConnectTimesOutInOneSecond() {
         Blackhole dead;
         QVERIFY(dead.open());

@@ -49,7 +49,7 @@ private:
     void fail(const QString &what) {
         // The printer is gone or never answered: report once and let go of the socket
         // without the orderly close.
-        logLine(QStringLiteral("kitchen printer %1: %2").arg(target(), what));
+        logLine(singleLine(QStringLiteral("kitchen printer %1: %2").arg(target(), what)));
         stage = Stage::Done;
         timer.stop();
         socket.abort();
@@ -174,7 +174,8 @@ void KitchenPrintService::deliverToPrinter(const QString &address, const QString
         fatalStop(
             QStringLiteral("kitchen printer port \"%1\" is not a decimal 32-bit integer").arg(portText));
     if (*port < 0 || *port > 65535) {
-        logLine(QStringLiteral("kitchen printer %1:%2: port out of range").arg(address).arg(*port));
+        logLine(
+            singleLine(QStringLiteral("kitchen printer %1:%2: port out of range").arg(address).arg(*port)));
         return;
     }
     auto *job = new PrintJob(address, static_cast<quint16>(*port), payload);
