@@ -131,6 +131,10 @@ private slots:
         QTest::newRow("string") << R"("kitchenPrint")";
         QTest::newRow("null") << "null";
         QTest::newRow("single quotes") << "{'requesttype':'print','data':[1]}";
+        QTest::newRow("raw tab inside a string")
+            << "{\"requesttype\":\"print\",\"data\":[1],\"memo\":\"a\tb\"}";
+        QTest::newRow("number ending in a point") << R"({"requesttype":"print","data":[1.]})";
+        QTest::newRow("lone surrogate escape") << R"({"requesttype":"print","data":[1],"memo":"\ud800"})";
     }
     void notJsonFails() {
         QFETCH(QString, frame);

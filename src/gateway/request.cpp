@@ -1,5 +1,6 @@
 #include "request.h"
 
+#include "strictjson.h"
 #include "textform.h"
 
 #include <QJsonArray>
@@ -23,8 +24,11 @@ std::variant<QVariantMap, RequestError> parseRequestObject(const QString &frameT
             return RequestError{QStringLiteral("request frame contains a non-ASCII character U+%1")
                                     .arg(QString::number(c.unicode(), 16).toUpper().rightJustified(4, u'0'))};
 
+    const QByteArray ascii = frameText.toLatin1();
+    if (const std::optional<QString> fault = strictJsonFault(ascii))
+        return RequestError{QStringLiteral("request frame is not JSON: %1").arg(*fault)};
     QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(frameText.toLatin1(), &error);
+    const QJsonDocument document = QJsonDocument::fromJson(ascii, &error);
     if (error.error != QJsonParseError::NoError)
         return RequestError{QStringLiteral("request frame is not JSON: %1 at offset %2")
                                 .arg(error.errorString())
