@@ -29,7 +29,7 @@ class FatalStopsTest : public QObject {
     }
 
     void expectStop(const QString &frame, const QString &mainInterface, const QString &reasonPart,
-                    int *printerConnections = nullptr) {
+                    int *printerConnections = nullptr, QByteArray *printerBytes = nullptr) {
         FakePrinter printer;
         ServiceProcess service;
         PosClient pos;
@@ -47,6 +47,9 @@ class FatalStopsTest : public QObject {
         QVERIFY(pos.texts.isEmpty()); // the POS is never told
         if (printerConnections)
             *printerConnections = printer.connections().size();
+        if (printerBytes)
+            for (const auto &c : printer.connections())
+                *printerBytes += c.received;
     }
 
     void expectNoStop(const QString &frame, const QString &mainInterface) {
@@ -74,6 +77,14 @@ private slots:
                    R"({"requesttype":"kitchenPrint","data":[],"ip":"127.0.0.1","port":PRINTER,"memo":"김치"})")
             << ""
             << "non-ASCII";
+        QTest::newRow("raw tab inside a string")
+            << QStringLiteral("{\"requesttype\":\"kitchenPrint\",\"data\":[65],\"ip\":\"127.0.0.1\",\"port\":"
+                              "PRINTER,\"memo\":\"a\tb\"}")
+            << ""
+            << "not JSON";
+        QTest::newRow("number ending in a point") << R"({"requesttype":"print","data":[1.]})"
+                                                  << "TCP"
+                                                  << "not JSON";
         QTest::newRow("not JSON") << "PRINT PLEASE"
                                   << "TCP"
                                   << "not JSON";
@@ -147,8 +158,10 @@ private slots:
     void kitchenTextThatCannotBePrintedStopsAfterTheConnect() {
         QFETCH(QString, frame);
         int connections = 0;
-        expectStop(frame, QString(), QStringLiteral("code page 949"), &connections);
-        QCOMPARE(connections, 1); // the printer was reached before the stop, and got nothing
+        QByteArray printerBytes;
+        expectStop(frame, QString(), QStringLiteral("code page 949"), &connections, &printerBytes);
+        QCOMPARE(connections, 1);             // the printer was reached before the stop
+        QCOMPARE(printerBytes, QByteArray()); // and got nothing
     }
 
     void unprintableTextForAnUnreachablePrinterOnlyReportsTheConnectError() {

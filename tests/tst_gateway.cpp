@@ -1,4 +1,5 @@
 #include "forked.h"
+#include "localaddress.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
 #include "posclient.h"
@@ -62,10 +63,59 @@ private slots:
     void startShowsServiceStartedInGreenOnLoopback() {
         QCOMPARE(label.text, QStringLiteral("서비스 시작"));
         QCOMPARE(label.color, std::optional<Qt::GlobalColor>(Qt::green));
-        QTcpSocket other;
-        other.connectToHost(QHostAddress::LocalHost, port);
-        QVERIFY(other.waitForConnected(2000));
-        QCOMPARE(other.peerAddress(), QHostAddress(QHostAddress::LocalHost));
+        QCOMPARE(gateway->server.serverAddress(), QHostAddress(QHostAddress::LocalHost));
+        if (const auto outside = nonLoopbackIPv4()) {
+            QTcpSocket fromOutside;
+            fromOutside.connectToHost(*outside, port);
+            QVERIFY(!fromOutside.waitForConnected(1000));
+        }
+    }
+
+    void takenPortLeavesTheLabelAsItWas() {
+        RecordingLabel untouched;
+        WebSocketViewController second(port); // the fixture's gateway holds this port
+        second.websocketLabel = &untouched;
+        second.viewDidLoad();
+        QVERIFY(!second.server.isListening());
+        QCOMPARE(untouched.text, QString());
+        QVERIFY(!untouched.color);
+    }
+
+    void tcpInterfacePostsTcpControl() {
+        QList<QVariantMap> tcpRequests;
+        QObject scope;
+        NotificationCenter::defaultCenter().addObserver(NotificationName::TCPcontrol, &scope,
+                                                        [&](const QVariant &o) { tcpRequests << o.toMap(); });
+        UserDefaults::standard().setValue(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("TCP"));
+        PosClient a;
+        QVERIFY(a.open(port));
+        a.send(R"({"requesttype":"payment","data":[2,3],"van":"KIS","ip":"10.0.0.9"})");
+        const bool arrived = waitUntil([&] { return tcpRequests.size() == 1; }, 3000);
+        UserDefaults::standard().setValue(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
+        QVERIFY(arrived);
+        QCOMPARE(usbRequests.size(), 0);
+        QCOMPARE(tcpRequests.first().value("van").toString(), QStringLiteral("KIS"));
+        QCOMPARE(tcpRequests.first().value("data").toByteArray(), QByteArray("\x02\x03"));
+    }
+
+    void displacedSessionIsClosingBeforeTheNewFrameIsRouted() {
+        PosClient a, b;
+        QVERIFY(a.open(port));
+        QVERIFY(b.open(port));
+        a.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        QPointer<QWebSocket> heldA = gateway->wsSession;
+        QVERIFY(heldA);
+        std::optional<QAbstractSocket::SocketState> stateOfAWhileRouting;
+        QObject scope;
+        NotificationCenter::defaultCenter().addObserver(
+            NotificationName::USBcontrol, &scope, [&](const QVariant &) {
+                stateOfAWhileRouting = heldA ? heldA->state() : QAbstractSocket::UnconnectedState;
+            });
+        b.send(usbPrint());
+        QVERIFY(waitUntil([&] { return stateOfAWhileRouting.has_value(); }, 3000));
+        QVERIFY(*stateOfAWhileRouting != QAbstractSocket::ConnectedState);
+        QVERIFY(waitUntil([&] { return a.disconnected; }, 3000));
     }
 
     void firstFrameMakesTheSenderHeldAndIsRouted() {
@@ -185,10 +235,52 @@ private slots:
     }
 
     void responseBeforeAnyFrameIsDropped() {
-        // Not even a malformed object stops the service while nobody is listening.
-        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET, QVariant(5));
-        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET);
-        QVERIFY(!gateway->wsSession);
+        PosClient silent;
+        QVERIFY(silent.open(port));
+        // Not even a malformed object stops the service while no POS has spoken.
+        const ChildOutcome outcome = runInChild([] {
+            NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET, QVariant(5));
+            NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET);
+            NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
+                                                     QVariantMap{{"response", QVariantMap{{"data", "x"}}}});
+        });
+        QCOMPARE(outcome.exitCode, 0);
+        QCOMPARE(outcome.standardError, QByteArray());
+        keepRunningFor(200);
+        QCOMPARE(silent.texts.size(), 0);
+    }
+
+    void sessionStaysHeldAfterThePosDisconnects() {
+        {
+            PosClient a;
+            QVERIFY(a.open(port));
+            a.send(usbPrint());
+            QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+            a.socket.close();
+            QVERIFY(waitUntil([&] { return !gateway->wsSession; }, 3000));
+        }
+        // The response for the departed POS is lost quietly, and a second page that has
+        // only connected does not get it.
+        PosClient newcomer;
+        QVERIFY(newcomer.open(port));
+        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
+                                                 QVariantMap{{"response", QVariantMap{{"data", "late"}}}});
+        keepRunningFor(200);
+        QCOMPARE(newcomer.texts.size(), 0);
+        // A malformed response is still a broken channel, held session or not.
+        const ChildOutcome outcome =
+            runInChild([] { NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET); });
+        QVERIFY(outcome.exitCode != 0);
+        QVERIFY(outcome.standardError.startsWith("fatal: "));
+    }
+
+    void plainPageRequestForTheGatewayIsRefused() {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(socket.waitForConnected(2000));
+        socket.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+        QVERIFY(waitUntil([&] { return socket.bytesAvailable() > 0; }, 3000));
+        QVERIFY(socket.readAll().startsWith("HTTP/1.1 400"));
     }
 
     void malformedResponseStopsTheService_data() {
@@ -285,6 +377,11 @@ private slots:
         QTcpSocket probe;
         probe.connectToHost(QHostAddress::LocalHostIPv6, open.server.serverPort());
         QVERIFY(probe.waitForConnected(2000)); // Any includes the IPv6 loopback; 127.0.0.1 alone would not
+        if (const auto outside = nonLoopbackIPv4()) {
+            QTcpSocket fromOutside;
+            fromOutside.connectToHost(*outside, open.server.serverPort());
+            QVERIFY(fromOutside.waitForConnected(2000));
+        }
         QTcpSocket refused;
         refused.connectToHost(QHostAddress::LocalHostIPv6, port);
         QVERIFY(!refused.waitForConnected(1000));

@@ -2,6 +2,7 @@
 // printers on loopback, its standard output and its settings file.
 #include "blackhole.h"
 #include "fakeprinter.h"
+#include "localaddress.h"
 #include "posclient.h"
 #include "serviceprocess.h"
 #include "wait.h"
@@ -280,11 +281,50 @@ private slots:
     }
 
     void gatewayListensOnLoopbackOnly() {
+        const auto outside = nonLoopbackIPv4();
+        if (!outside)
+            QSKIP("this machine has no address besides loopback");
         ServiceProcess service;
         QVERIFY(service.start());
-        QTcpSocket v6;
-        v6.connectToHost(QHostAddress::LocalHostIPv6, gatewayPort);
-        QVERIFY(!v6.waitForConnected(1000));
+        QTcpSocket fromOutside;
+        fromOutside.connectToHost(*outside, gatewayPort);
+        QVERIFY(!fromOutside.waitForConnected(1000));
+    }
+
+    void listenAllOpensTheGatewayToTheNetwork() {
+        const auto outside = nonLoopbackIPv4();
+        if (!outside)
+            QSKIP("this machine has no address besides loopback");
+        ServiceProcess service;
+        service.set(QStringLiteral("WEBSOCKET_LISTEN_ALL"), QStringLiteral("true"));
+        QVERIFY(service.start());
+        PosClient pos;
+        pos.socket.open(QUrl(QStringLiteral("ws://%1:%2/").arg(outside->toString()).arg(gatewayPort)));
+        QVERIFY(waitUntil([&] { return pos.socket.state() == QAbstractSocket::ConnectedState; }, 5000));
+    }
+
+    void portAsNumberOrStringPrintsTheSame_data() {
+        QTest::addColumn<QString>("portTemplate");
+        QTest::newRow("number") << "%1";
+        QTest::newRow("string") << "\"%1\"";
+        QTest::newRow("string with plus") << "\"+%1\"";
+        QTest::newRow("whole number with exponent") << "%1e0";
+    }
+    void portAsNumberOrStringPrintsTheSame() {
+        QFETCH(QString, portTemplate);
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        ServiceProcess service;
+        QVERIFY(service.start());
+        PosClient pos;
+        QVERIFY(pos.open(gatewayPort));
+        pos.send(
+            QStringLiteral(
+                R"({"requesttype":"kitchenPrint","data":[236,163,188,235,172,184],"ip":"127.0.0.1","port":%1})")
+                .arg(portTemplate.arg(printer.port())));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
+        QCOMPARE(printer.connections().first().received, QByteArray::fromHex("c1d6b9ae")); // 주문
+        QVERIFY(service.isRunning());
     }
 
     void setWritesTheSettingsFileAndSettingsPrintsIt() {

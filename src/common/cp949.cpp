@@ -20,13 +20,15 @@ std::optional<QByteArray> convert(const char *to, const char *from, const QByteA
     char *out = output.data();
     size_t outLeft = static_cast<size_t>(output.size());
 
-    size_t result = iconv(cd, &in, &inLeft, &out, &outLeft);
-    if (result != static_cast<size_t>(-1))
-        result = iconv(cd, nullptr, nullptr, &out, &outLeft); // flush any shift state
+    const size_t converted = iconv(cd, &in, &inLeft, &out, &outLeft);
+    const size_t flushed = converted == static_cast<size_t>(-1)
+                               ? converted
+                               : iconv(cd, nullptr, nullptr, &out, &outLeft); // any shift state
     iconv_close(cd);
 
-    // A non-zero count of irreversible conversions means iconv substituted something.
-    if (result != 0 || inLeft != 0)
+    // -1 is a character with no equivalent or an invalid sequence; a positive count of
+    // irreversible conversions means iconv substituted something. Either way: no text.
+    if (converted != 0 || flushed != 0 || inLeft != 0)
         return std::nullopt;
     output.truncate(output.size() - static_cast<qsizetype>(outLeft));
     return output;

@@ -148,6 +148,12 @@ void HttpServer::dispatch(QTcpSocket *socket, HttpRequest request, qsizetype hea
             answer(socket, HttpResponse::error(404, "Not Found"));
             return;
         }
+        if (!request.isWebSocketUpgrade() || !request.headers.contains("sec-websocket-key")) {
+            // A browser or curl asking for "/" as a page: say what is wrong instead of
+            // leaving the WebSocket server to drop the connection without a word.
+            answer(socket, HttpResponse::error(400, "Bad Request"));
+            return;
+        }
         if (originCheck && request.headers.contains("origin") && !originCheck(request.header("origin"))) {
             answer(socket, HttpResponse::error(403, "Forbidden"));
             return;
@@ -160,6 +166,13 @@ void HttpServer::dispatch(QTcpSocket *socket, HttpRequest request, qsizetype hea
     }
 
     // Plain HTTP: wait until the whole body has arrived, then answer and close.
+    if (request.headers.contains("transfer-encoding")) {
+        // Chunked bodies are not decoded; refusing them beats taking the chunk framing
+        // for the body.
+        disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+        answer(socket, HttpResponse::error(411, "Length Required"));
+        return;
+    }
     bool lengthOk = true;
     const QByteArray lengthHeader = request.header("content-length");
     const qint64 contentLength = lengthHeader.isEmpty() ? 0 : lengthHeader.toLongLong(&lengthOk);

@@ -68,6 +68,7 @@ public:
     bool listen(const QHostAddress &address, quint16 port);
     QString errorString() const { return tcpServer.errorString(); }
     quint16 serverPort() const { return tcpServer.serverPort(); }
+    QHostAddress serverAddress() const { return tcpServer.serverAddress(); }
     bool isListening() const { return tcpServer.isListening(); }
 
 private:

@@ -29,6 +29,9 @@ std::optional<QJsonValue> toJson(const QVariant &value) {
     case QMetaType::UInt:
     case QMetaType::LongLong:
         return QJsonValue(value.toLongLong());
+    case QMetaType::ULongLong:
+        return QJsonValue(static_cast<double>(value.toULongLong()));
+    case QMetaType::Float:
     case QMetaType::Double: {
         const double d = value.toDouble();
         if (!std::isfinite(d))
@@ -37,6 +40,7 @@ std::optional<QJsonValue> toJson(const QVariant &value) {
     }
     case QMetaType::QString:
         return QJsonValue(value.toString());
+    case QMetaType::QStringList:
     case QMetaType::QVariantList: {
         QJsonArray array;
         for (const QVariant &element : value.toList()) {
@@ -47,6 +51,7 @@ std::optional<QJsonValue> toJson(const QVariant &value) {
         }
         return array;
     }
+    case QMetaType::QVariantHash:
     case QMetaType::QVariantMap: {
         QJsonObject object;
         const QVariantMap map = value.toMap();
@@ -68,9 +73,16 @@ std::optional<QJsonValue> toJson(const QVariant &value) {
 WebSocketViewController::WebSocketViewController(quint16 port, QObject *parent)
     : QObject(parent), server(QStringLiteral("teranocounter")), port(port) {}
 
+WebSocketViewController::~WebSocketViewController() {
+    // Before any member goes: a response posted now must not reach a half-destroyed gateway.
+    if (responseObserver)
+        NotificationCenter::defaultCenter().removeObserver(responseObserver);
+}
+
 void WebSocketViewController::viewDidLoad() {
-    NotificationCenter::defaultCenter().addObserver(
-        NotificationName::WEBSOCKET, this, [this](const QVariant &object) { notificationHandler(object); });
+    responseObserver = NotificationCenter::defaultCenter().addObserver(
+        NotificationName::WEBSOCKET, nullptr,
+        [this](const QVariant &object) { notificationHandler(object); });
     startWebSocketServer();
 }
 
@@ -98,19 +110,27 @@ void WebSocketViewController::startWebSocketServer() {
 }
 
 void WebSocketViewController::acceptTextFrame(QWebSocket *session, const QString &text) {
-    if (wsSession && wsSession != session) {
-        // The displaced POS hears about it before the new one is remembered.
-        wsSession->close();
-        wsSession = session;
-    } else if (!wsSession) {
-        wsSession = session;
+    {
+        QMutexLocker lock(&sessionMutex);
+        if (wsSession != session) {
+            // The displaced POS hears about it before the new one is remembered.
+            if (wsSession)
+                wsSession->close();
+            wsSession = session;
+        }
+        sessionHeld = true;
     }
     handleRequest(text);
 }
 
 void WebSocketViewController::notificationHandler(const QVariant &object) {
-    if (!wsSession)
-        return; // no POS has spoken yet: nobody to answer
+    QPointer<QWebSocket> session;
+    {
+        QMutexLocker lock(&sessionMutex);
+        if (!sessionHeld)
+            return; // no POS has spoken yet: nobody to answer
+        session = wsSession;
+    }
     if (object.typeId() != QMetaType::QVariantMap)
         fatalStop(QStringLiteral("a response for the POS is not a dictionary"));
     const std::optional<QJsonValue> json = toJson(object);
@@ -118,16 +138,18 @@ void WebSocketViewController::notificationHandler(const QVariant &object) {
         fatalStop(QStringLiteral("a response for the POS cannot be written as JSON"));
     const QString text = QString::fromUtf8(QJsonDocument(json->toObject()).toJson(QJsonDocument::Compact));
 
+    // The response goes to the session held when it was posted, even if another POS
+    // takes over before the write runs.
     if (QThread::currentThread() == thread())
-        writeResponse(text);
-    else // sockets belong to the gateway's thread; the write keeps the posting order
+        writeResponse(session, text);
+    else // sockets belong to the gateway's thread; queued calls keep the posting order
         QMetaObject::invokeMethod(
-            this, [this, text] { writeResponse(text); }, Qt::QueuedConnection);
+            this, [this, session, text] { writeResponse(session, text); }, Qt::QueuedConnection);
 }
 
-void WebSocketViewController::writeResponse(const QString &text) {
-    if (wsSession)
-        wsSession->sendTextMessage(text);
+void WebSocketViewController::writeResponse(const QPointer<QWebSocket> &session, const QString &text) {
+    if (session) // a POS that has gone away simply misses it
+        session->sendTextMessage(text);
 }
 
 QHostAddress WebSocketViewController::listenAddress() const {

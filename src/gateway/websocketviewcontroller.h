@@ -2,9 +2,11 @@
 
 #include "httpserver.h"
 #include "kitchenprintservice.h"
+#include "notificationcenter.h"
 #include "textlabel.h"
 
 #include <QHostAddress>
+#include <QMutex>
 #include <QObject>
 #include <QPointer>
 #include <QVariant>
@@ -21,6 +23,7 @@ public:
     static constexpr quint16 defaultPort = 49999;
 
     explicit WebSocketViewController(quint16 port = defaultPort, QObject *parent = nullptr);
+    ~WebSocketViewController() override;
 
     // Registers for "WEBSOCKET" before the server starts, so no response can be missed.
     void viewDidLoad();
@@ -29,16 +32,23 @@ public:
     void notificationHandler(const QVariant &object);
 
     HttpServer server;
+    // The POS that receives responses. Once a POS has sent a frame, a session stays held
+    // even after that connection goes away: responses meant for it are then lost rather
+    // than delivered to some other page that never asked. Guarded by sessionMutex, since
+    // responses are posted from the channels' threads.
     QPointer<QWebSocket> wsSession;
+    bool sessionHeld = false;
     qint64 sessionHashValue = 0; // kept for the session bookkeeping of earlier releases; unused
     KitchenPrintService kitchenPrint;
     TextLabel *websocketLabel = nullptr;
     TextLabel *posConnectionLabel = nullptr;
 
 private:
-    void writeResponse(const QString &text);
+    void writeResponse(const QPointer<QWebSocket> &session, const QString &text);
     QHostAddress listenAddress() const;
     bool originAllowed(const QByteArray &origin) const;
 
     quint16 port;
+    QMutex sessionMutex;
+    NotificationCenter::Token responseObserver = 0;
 };

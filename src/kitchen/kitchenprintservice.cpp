@@ -44,7 +44,7 @@ public:
 private:
     enum class Stage { Idle, Connecting, Sending, Reading, Done };
 
-    QString target() const { return QStringLiteral("%1:%2").arg(address).arg(port); }
+    QString target() const { return QStringLiteral("%1:%2").arg(address, QString::number(port)); }
 
     void fail(const QString &what) {
         // The printer is gone or never answered: report once and let go of the socket

@@ -10,6 +10,7 @@
 #include <QLoggingCategory>
 #include <QSystemTrayIcon>
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -39,16 +40,14 @@ int runSettingsChores(const CommandLine &line) {
 }
 
 // Qt wants a private runtime directory and complains on standard error when the session
-// has none (a bare `su`, a container, a test with its own HOME). Make the one Qt would pick
-// anyway, quietly, so standard error carries only what matters.
+// has none (a bare `su`, a container, a test with its own HOME). Give it a fresh private
+// one, quietly, so standard error carries only what matters.
 void ensureRuntimeDirectory() {
     if (!qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR"))
         return;
-    const QString path = QDir::tempPath() + QStringLiteral("/runtime-") +
-                         qEnvironmentVariable("USER", QStringLiteral("teranocounter"));
-    QDir().mkpath(path);
-    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(path));
+    QByteArray path = QFile::encodeName(QDir::tempPath()) + "/teranocounter-runtime-XXXXXX";
+    if (mkdtemp(path.data())) // created 0700 and owned by us, never someone else's directory
+        qputenv("XDG_RUNTIME_DIR", path);
 }
 
 bool haveDisplay() {
@@ -76,12 +75,16 @@ int runTeranoCounter(int argc, char **argv) {
     if (!line.settingsToWrite.isEmpty() || line.printSettings)
         return runSettingsChores(line);
 
-    const bool headless = line.headless || !haveDisplay();
-    if (headless) {
+    if (line.headless || !haveDisplay()) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
-        // The offscreen platform reports what it cannot do for windows nobody sees.
-        QLoggingCategory::setFilterRules(QStringLiteral("qt.qpa.*=false"));
+    } else if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        // A display that cannot be reached (a stale DISPLAY after logging out, say) must
+        // not keep the POS gateway from starting: fall back to running without a screen.
+        qputenv("QT_QPA_PLATFORM",
+                qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ? "xcb;offscreen" : "wayland;xcb;offscreen");
     }
+    // The offscreen platform reports what it cannot do for windows nobody sees.
+    QLoggingCategory::setFilterRules(QStringLiteral("qt.qpa.*=false"));
     ensureRuntimeDirectory();
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);

@@ -40,5 +40,5 @@ QString usageText() {
         "Usage: teranocounter [--headless] [--set KEY=VALUE]... [--settings]\n"
         "  --headless        run without a tray icon (also chosen when no system tray is available)\n"
         "  --set KEY=VALUE   write a setting and exit (repeatable), e.g. --set MAIN_INTERFACE=TCP\n"
-        "  --settings        print the settings file's path and its values, then exit\n");
+        "  --settings        print the settings as KEY=VALUE lines, then exit\n");
 }
