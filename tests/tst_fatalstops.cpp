@@ -3,6 +3,7 @@
 #include "blackhole.h"
 #include "fakeprinter.h"
 #include "posclient.h"
+#include "servicefixture.h"
 #include "serviceprocess.h"
 #include "wait.h"
 
@@ -23,8 +24,7 @@ class FatalStopsTest : public QObject {
         QVERIFY(printer.listen());
         if (!mainInterface.isEmpty())
             service.set(QStringLiteral("MAIN_INTERFACE"), mainInterface);
-        QVERIFY(service.start());
-        QVERIFY(pos.open(gatewayPort));
+        QVERIFY(startAndConnect(service, pos));
         pos.send(QString(frame).replace(QStringLiteral("PRINTER"), QString::number(printer.port())));
     }
 
@@ -170,9 +170,8 @@ private slots:
         const quint16 deadPort = closedPort.serverPort();
         closedPort.close();
         ServiceProcess service;
-        QVERIFY(service.start());
         PosClient pos;
-        QVERIFY(pos.open(gatewayPort));
+        QVERIFY(startAndConnect(service, pos));
         pos.send(QStringLiteral(
                      R"({"requesttype":"kitchenPrint","data":[240,159,152,128],"ip":"127.0.0.1","port":%1})")
                      .arg(deadPort));

@@ -4,6 +4,7 @@
 #include "fakeprinter.h"
 #include "localaddress.h"
 #include "posclient.h"
+#include "servicefixture.h"
 #include "serviceprocess.h"
 #include "wait.h"
 
@@ -25,9 +26,8 @@ private slots:
         FakePrinter printer;
         QVERIFY(printer.listen(9100));
         ServiceProcess service;
-        QVERIFY(service.start());
         PosClient pos;
-        QVERIFY(pos.open(gatewayPort));
+        QVERIFY(startAndConnect(service, pos));
         pos.send(kitchenOrderFrame(QStringLiteral("주문: 김치찌개 2, 똠얌꿍 1\n"), 9100));
         QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
         const auto &c = printer.connections().first();
@@ -46,9 +46,8 @@ private slots:
         FakePrinter printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
-        QVERIFY(service.start());
         PosClient pos;
-        QVERIFY(pos.open(gatewayPort));
+        QVERIFY(startAndConnect(service, pos));
         const qint64 sentAt = printer.nowMs();
         for (int i = 0; i < 10; ++i)
             pos.send(kitchenOrderFrame(QStringLiteral("주문 %1번\n").arg(i), printer.port()));
@@ -74,9 +73,8 @@ private slots:
         closedPort.close();
 
         ServiceProcess service;
-        QVERIFY(service.start());
         PosClient pos;
-        QVERIFY(pos.open(gatewayPort));
+        QVERIFY(startAndConnect(service, pos));
         pos.send(kitchenOrderFrame(QStringLiteral("김치찌개\n"), deadPort));
         QVERIFY(service.waitForStdoutLineCount(2, 3000));
         keepRunningFor(500);
@@ -97,9 +95,8 @@ private slots:
 
     void printerAddressWithALineBreakStillGivesOneLine() {
         ServiceProcess service;
-        QVERIFY(service.start());
         PosClient pos;
-        QVERIFY(pos.open(gatewayPort));
+        QVERIFY(startAndConnect(service, pos));
         pos.send(R"({"requesttype":"kitchenPrint","data":[65],"ip":"no\nsuch.invalid","port":9100})");
         QVERIFY(service.waitForStdoutLineCount(2, 5000));
         keepRunningFor(1500);
@@ -113,9 +110,8 @@ private slots:
         Blackhole dead;
         QVERIFY(dead.open());
         ServiceProcess service;
-        QVERIFY(service.start());
         PosClient pos;
-        QVERIFY(pos.open(gatewayPort));
+        QVERIFY(startAndConnect(service, pos));
         QElapsedTimer clock;
         clock.start();
         pos.send(kitchenOrderFrame(QStringLiteral("ORDER\n"), dead.port()));
@@ -204,9 +200,8 @@ private slots:
 
     void binaryFrameProducesNothing() {
         ServiceProcess service;
-        QVERIFY(service.start());
         PosClient pos;
-        QVERIFY(pos.open(gatewayPort));
+        QVERIFY(startAndConnect(service, pos));
         pos.socket.sendBinaryMessage("not json at all \xff");
         pos.socket.flush();
         keepRunningFor(500);
@@ -315,9 +310,8 @@ private slots:
         FakePrinter printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
-        QVERIFY(service.start());
         PosClient pos;
-        QVERIFY(pos.open(gatewayPort));
+        QVERIFY(startAndConnect(service, pos));
         pos.send(
             QStringLiteral(
                 R"({"requesttype":"kitchenPrint","data":[236,163,188,235,172,184],"ip":"127.0.0.1","port":%1})")
