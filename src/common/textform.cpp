@@ -4,6 +4,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
+#include <QStringDecoder>
 #include <cmath>
 #include <optional>
 
@@ -60,4 +61,12 @@ std::optional<qint32> parseInt32(const QString &text) {
     if (value > 2147483647LL)
         return std::nullopt;
     return static_cast<qint32>(value);
+}
+
+std::optional<QString> strictUtf8(const QByteArray &bytes) {
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringConverter::Flag::ConvertInitialBom);
+    QString text = decoder.decode(bytes);
+    if (decoder.hasError())
+        return std::nullopt;
+    return text;
 }

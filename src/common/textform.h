@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <QVariant>
 #include <optional>
@@ -9,6 +10,10 @@
 // boolean is "1" or "0", and null is "<null>". The POS may send a port or a request type
 // either as a JSON number or as a string, and both must mean the same thing.
 QString textualForm(const QVariant &value);
+
+// UTF-8 bytes as text, or nothing when they are not valid UTF-8. A leading byte-order mark
+// is kept as a character: a printer or terminal gets exactly what was sent, or nothing.
+std::optional<QString> strictUtf8(const QByteArray &bytes);
 
 // Base-10 signed 32-bit integer: an optional "+" or "-", then decimal digits only.
 std::optional<qint32> parseInt32(const QString &text);

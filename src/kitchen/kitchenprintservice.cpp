@@ -5,21 +5,10 @@
 #include "log.h"
 #include "textform.h"
 
-#include <QStringDecoder>
 #include <QTcpSocket>
 #include <QTimer>
 
 namespace {
-
-std::optional<QString> strictUtf8(const QByteArray &bytes) {
-    // Keep a leading byte-order mark as a character: the printer gets exactly what was sent
-    // or nothing.
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringConverter::Flag::ConvertInitialBom);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError())
-        return std::nullopt;
-    return text;
-}
 
 // One order on its way to one printer. Lives only as long as its connection.
 class PrintJob : public QObject {

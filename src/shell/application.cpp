@@ -2,6 +2,7 @@
 
 #include "commandline.h"
 #include "gatewaypage.h"
+#include "tcppage.h"
 #include "userdefaults.h"
 
 #include <QApplication>
@@ -89,8 +90,12 @@ int runTeranoCounter(int argc, char **argv) {
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
 
-    // The gateway page is created but never shown when there is no tray to show it from;
-    // loading it starts the POS server either way.
+    // The pages are created but never shown when there is no tray to show them from;
+    // loading them starts the POS server and the terminal answer listeners either way, in
+    // the order the popover loads them.
     GatewayPage gatewayPage;
+    TcpPage tcpPage;
+    tcpPage.load();
+    tcpPage.appear();
     return QApplication::exec();
 }

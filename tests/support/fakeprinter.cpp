@@ -25,6 +25,13 @@ FakePrinter::FakePrinter(QObject *parent) : QObject(parent) {
     });
 }
 
+FakePrinter::~FakePrinter() {
+    // Sockets still open close with the server below, after `all` is gone: they must not
+    // call back into it.
+    for (QTcpSocket *socket : server.findChildren<QTcpSocket *>())
+        socket->disconnect(this);
+}
+
 bool FakePrinter::listen(quint16 port, const QHostAddress &address) {
     return server.listen(address, port);
 }

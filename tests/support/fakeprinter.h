@@ -22,6 +22,7 @@ public:
     };
 
     explicit FakePrinter(QObject *parent = nullptr);
+    ~FakePrinter() override;
     bool listen(quint16 port = 0, const QHostAddress &address = QHostAddress::LocalHost);
     quint16 port() const { return server.serverPort(); }
     void setReply(const QByteArray &bytes) { reply = bytes; }

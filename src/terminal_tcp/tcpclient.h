@@ -1,0 +1,64 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHostAddress>
+#include <QObject>
+#include <QTcpSocket>
+#include <QTimer>
+#include <functional>
+#include <optional>
+
+// One connection to a card terminal, driven step by step the way the vendors' exchanges
+// are described (connect, send, read with a time-out, close) but without ever blocking:
+// each step reports through a callback from the event loop, so an exchange that waits
+// minutes for a customer holds up nothing else.
+class TcpClient : public QObject {
+    Q_OBJECT
+public:
+    using ConnectDone = std::function<void(const std::optional<QString> &error)>;
+    using ReadDone = std::function<void(const std::optional<QByteArray> &bytes)>;
+
+    // After close() the socket is given this long to hand over what is still queued.
+    static constexpr int closeGraceMs = 5000;
+
+    TcpClient(const QHostAddress &address, quint16 port, QObject *parent = nullptr);
+
+    // `done` gets nothing on success, or the reason the connection could not be made.
+    void connectToTerminal(int timeoutMs, ConnectDone done);
+    // Queues the bytes for sending; false when the connection is gone.
+    bool send(const QByteArray &bytes);
+    // `done` gets the next bytes that arrive (at most `limit`), at once if some have
+    // arrived already, or nothing when the time-out passes or the terminal hangs up first.
+    void read(qint64 limit, int timeoutMs, ReadDone done);
+    // Ends the exchange: queued bytes are still delivered, then the connection is closed.
+    void close();
+    // Ends the exchange at once, without the orderly close (for a failed connect).
+    void release();
+
+    QString target() const;
+
+signals:
+    // The connection is closed and no callback will run any more.
+    void finished();
+
+private:
+    enum class Step { Idle, Connecting, Connected, Reading, Closing, Done };
+
+    void onConnected();
+    void onReadyRead();
+    void onDisconnected();
+    void onError(QAbstractSocket::SocketError error);
+    void onTimeout();
+    void deliverRead();
+    void finish();
+
+    QHostAddress address;
+    quint16 port;
+    QTcpSocket socket;
+    QTimer timer;
+    Step step = Step::Idle;
+    int connectTimeoutMs = 0;
+    qint64 readLimit = 0;
+    ConnectDone connectDone;
+    ReadDone readDone;
+};

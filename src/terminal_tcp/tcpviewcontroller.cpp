@@ -1,0 +1,186 @@
+#include "tcpviewcontroller.h"
+
+#include "cp949.h"
+#include "fatal.h"
+#include "ipv4rule.h"
+#include "log.h"
+#include "notificationnames.h"
+#include "terminallistener.h"
+#include "textform.h"
+#include "userdefaults.h"
+
+namespace {
+
+const QString tcpDeviceKey = QStringLiteral("TCP_DEVICE");
+const QString tcpIpKey = QStringLiteral("TCP_IP");
+const QString mainInterfaceKey = QStringLiteral("MAIN_INTERFACE");
+
+// A request value read as text: only a JSON string counts; anything else, and a key that
+// is missing, reads as the empty text.
+QString stringValue(const QVariantMap &map, const QString &key) {
+    const QVariant value = map.value(key);
+    return value.typeId() == QMetaType::QString ? value.toString() : QString();
+}
+
+} // namespace
+
+TCPViewController::TCPViewController(QObject *parent) : QObject(parent) {}
+
+TCPViewController::~TCPViewController() {
+    if (requestObserver)
+        NotificationCenter::defaultCenter().removeObserver(requestObserver);
+}
+
+void TCPViewController::viewDidLoad() {
+    requestObserver = NotificationCenter::defaultCenter().addObserver(
+        NotificationName::TCPcontrol, nullptr,
+        [this](const QVariant &object) { notificationHandler(object); });
+
+    kicc = startListener(kiccAnswerPort, Vendor::KICC, TerminalDeviceName::KICC, false, kiccLabel);
+    smartro =
+        startListener(smartroAnswerPort, Vendor::SMARTRO, TerminalDeviceName::SMARTRO, true, smartroLabel);
+
+    UserDefaults &defaults = UserDefaults::standard();
+    if (!defaults.value(tcpDeviceKey))
+        defaults.setValue(tcpDeviceKey, Vendor::KICC);
+    const qsizetype index = vendors.indexOf(defaults.string(tcpDeviceKey).value_or(QString()));
+    if (index >= 0 && tcpDevicePopupButton)
+        tcpDevicePopupButton->selectItemAtIndex(static_cast<int>(index));
+    // The stored address is shown from the start, so the owner sees what the terminal
+    // requests go to.
+    if (ipTextfield)
+        ipTextfield->setStringValue(defaults.string(tcpIpKey).value_or(QString()));
+}
+
+TerminalListener *TCPViewController::startListener(quint16 port, const QString &vendor,
+                                                   const QString &deviceName, bool announcesClients,
+                                                   TextLabel *statusLabel) {
+    // Terminals deliver answers to the address of this machine on the shop network: the
+    // first interface address that is up, running and not loopback.
+    const QStringList addresses = localAddressLookup();
+    if (addresses.isEmpty())
+        fatalStop(
+            QStringLiteral("no network interface is up to take card terminal answers on port %1").arg(port));
+    auto *listener = new TerminalListener(deviceName, announcesClients, this);
+    if (!listener->listen(QHostAddress(addresses.first()), port)) {
+        logLine(singleLine(QStringLiteral("%1 answer listener could not start on %2 port %3: %4")
+                               .arg(vendor, addresses.first())
+                               .arg(port)
+                               .arg(listener->errorString())));
+        delete listener;
+        return nullptr;
+    }
+    if (statusLabel) {
+        statusLabel->setStringValue(QStringLiteral("서비스 시작 완료"));
+        statusLabel->setTextColor(Qt::green);
+    }
+    return listener;
+}
+
+void TCPViewController::viewDidAppear() {
+    if (UserDefaults::standard().string(mainInterfaceKey) == QStringLiteral("TCP"))
+        paintActive();
+}
+
+void TCPViewController::deviceTypeChanged() {
+    if (!tcpDevicePopupButton)
+        return;
+    const QString vendor = tcpDevicePopupButton->titleOfSelectedItem();
+    UserDefaults::standard().setValue(tcpDeviceKey, vendor);
+    logLine(QStringLiteral("TCP_DEVICE: %1").arg(vendor));
+}
+
+void TCPViewController::titleLabelClicked() {
+    UserDefaults::standard().setValue(mainInterfaceKey, QStringLiteral("TCP"));
+    NotificationCenter::defaultCenter().post(
+        NotificationName::USBcontrol, QVariantMap{{QStringLiteral("msg"), QStringLiteral("deselect")},
+                                                  {QStringLiteral("van"), QString()},
+                                                  {QStringLiteral("requesttype"), QStringLiteral("msg")}});
+    if (ipTextfield) {
+        ipTextfield->setEditable(true);
+        ipTextfield->setEnabled(true);
+        ipTextfield->setStringValue(UserDefaults::standard().string(tcpIpKey).value_or(QString()));
+    }
+    paintActive();
+}
+
+void TCPViewController::ipTextfieldEnter() {
+    if (!ipTextfield)
+        return;
+    const QString text = ipTextfield->stringValue();
+    if (matchesIPv4Rule(text))
+        UserDefaults::standard().setValue(tcpIpKey, text);
+}
+
+void TCPViewController::connectionTestClicked() {
+    const QString vendor = UserDefaults::standard().string(tcpDeviceKey).value_or(QString());
+    if (vendor == Vendor::KIS)
+        senders.sendKIS(cp949::encode(testPrintText).value(), QStringLiteral("print"));
+    else if (vendor == Vendor::KICC)
+        senders.sendKICC(cp949::encode(testPrintText).value());
+    else if (vendor == Vendor::SMARTRO)
+        senders.sendSMARTRO(smartroTestPrintText.toLatin1(), QStringLiteral("print"));
+}
+
+void TCPViewController::notificationHandler(const QVariant &object) {
+    const QVariantMap request = object.toMap();
+    const QString requestType = stringValue(request, QStringLiteral("requesttype"));
+    const QString van = stringValue(request, QStringLiteral("van"));
+    logLine(singleLine(QStringLiteral("TCP request: requesttype \"%1\", van \"%2\"").arg(requestType, van)));
+
+    // Only the all-lower and all-upper spellings name a vendor.
+    QString vendor;
+    if (van == QLatin1String("kis") || van == QLatin1String("KIS"))
+        vendor = Vendor::KIS;
+    else if (van == QLatin1String("kicc") || van == QLatin1String("KICC"))
+        vendor = Vendor::KICC;
+    else if (van == QLatin1String("smartro") || van == QLatin1String("SMARTRO"))
+        vendor = Vendor::SMARTRO;
+
+    if (vendor.isEmpty()) {
+        // Not a terminal request: the USB page telling this one that USB is now active.
+        if (stringValue(request, QStringLiteral("msg")) == QLatin1String("deselect"))
+            paintInactive();
+        return;
+    }
+
+    // The POS sends each vendor's request frame ready-made; only a slip print's text is
+    // turned from UTF-8 into the terminal's code page 949.
+    QByteArray bytes = request.value(QStringLiteral("data")).toByteArray();
+    if (requestType == QLatin1String("print")) {
+        const std::optional<QString> text = strictUtf8(bytes);
+        const std::optional<QByteArray> encoded = text ? cp949::encode(*text) : std::nullopt;
+        if (!encoded) {
+            logLine(QStringLiteral("%1 print not sent: the text is not UTF-8 or has characters code page 949 "
+                                   "cannot represent")
+                        .arg(vendor));
+            return;
+        }
+        bytes = *encoded;
+    }
+
+    if (vendor == Vendor::KIS)
+        senders.sendKIS(bytes, requestType);
+    else if (vendor == Vendor::KICC)
+        senders.sendKICC(bytes);
+    else
+        senders.sendSMARTRO(bytes, requestType);
+}
+
+void TCPViewController::paintActive() {
+    if (!titleLabel)
+        return;
+    titleLabel->setBackgroundColor(PageColor::selectedBlue);
+    titleLabel->setTextColor(PageColor::white);
+}
+
+void TCPViewController::paintInactive() {
+    if (titleLabel) {
+        titleLabel->setBackgroundColor(PageColor::deselectedGrey);
+        titleLabel->setTextColor(PageColor::selectedBlue);
+    }
+    if (ipTextfield) {
+        ipTextfield->setEditable(false);
+        ipTextfield->setEnabled(false);
+    }
+}

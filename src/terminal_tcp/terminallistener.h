@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QHostAddress>
+#include <QObject>
+#include <QString>
+#include <QTcpServer>
+
+// Takes the answers that a KICC or SMARTRO terminal delivers on a connection of its own.
+// Each connection carries one answer: up to 1024 bytes, of which the first 5 and the last
+// 3 are the terminal's framing. The text between them, converted from code page 949, is
+// posted on "WEBSOCKET" for the POS; a frame shorter than 9 bytes is posted as an empty
+// answer. Connections are served side by side, so a terminal that connects and says
+// nothing delays no one else's answer.
+class TerminalListener : public QObject {
+    Q_OBJECT
+public:
+    static constexpr qint64 readLimit = 1024;
+    static constexpr int frontCut = 5;
+    static constexpr int backCut = 3;
+    // A connection that has said nothing by then is closed without an answer.
+    static constexpr int silentConnectionLimitMs = 60'000;
+
+    TerminalListener(const QString &deviceName, bool announcesClients, QObject *parent = nullptr);
+
+    bool listen(const QHostAddress &address, quint16 port);
+    QString errorString() const { return server.errorString(); }
+    QHostAddress serverAddress() const { return server.serverAddress(); }
+    quint16 serverPort() const { return server.serverPort(); }
+
+    // The answer text in a frame as received: empty for frames under 9 bytes.
+    static QByteArray answerBytes(const QByteArray &frame);
+
+private:
+    void acceptPending();
+    void answerArrived(const QByteArray &frame) const;
+
+    QTcpServer server;
+    QString deviceName;
+    bool announcesClients;
+};
