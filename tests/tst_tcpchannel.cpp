@@ -1,0 +1,790 @@
+// The TCP terminal channel in-process: its controller with recorded outlets, fake KICC,
+// KIS and SMARTRO terminals on loopback, the answer listeners on loopback, and the bus.
+#include "blackhole.h"
+#include "cp949.h"
+#include "faketerminal.h"
+#include "forked.h"
+#include "notificationcenter.h"
+#include "notificationnames.h"
+#include "recordingoutlets.h"
+#include "stdoutcapture.h"
+#include "tcpviewcontroller.h"
+#include "terminallistener.h"
+#include "userdefaults.h"
+#include "wait.h"
+
+#include <QElapsedTimer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+QVariantMap request(const QVariant &van, const QByteArray &data, const QVariant &requestType = "payment") {
+    const QVariant null = QVariant::fromValue(nullptr);
+    return {{"data", data}, {"ip", null}, {"port", null}, {"van", van}, {"requesttype", requestType}};
+}
+
+QByteArray cp(const QString &text) {
+    return cp949::encode(text).value();
+}
+
+QVariantMap answer(const QString &text, const QString &deviceName) {
+    return {{"response", QVariantMap{{"data", text}}}, {"devicetype", "CAT"}, {"devicename", deviceName}};
+}
+
+} // namespace
+
+class TcpChannelTest : public QObject {
+    Q_OBJECT
+    QTemporaryDir config;
+    QList<QVariantMap> answers;
+    QList<QVariantMap> usbMessages;
+    std::unique_ptr<StdoutCapture> capture;
+    std::unique_ptr<FakeTerminal> kicc, kis, smartro;
+    std::unique_ptr<TCPViewController> controller;
+    RecordingTitle title;
+    RecordingTextField ipField;
+    RecordingPopup popup;
+    RecordingLabel kiccLabel, kisLabel, smartroLabel;
+    RecordingControl testButton;
+
+    void load(ExchangeTimings timings = {}) {
+        controller = std::make_unique<TCPViewController>();
+        controller->titleLabel = &title;
+        controller->ipTextfield = &ipField;
+        controller->tcpDevicePopupButton = &popup;
+        controller->kiccLabel = &kiccLabel;
+        controller->kisLabel = &kisLabel;
+        controller->smartroLabel = &smartroLabel;
+        controller->connectionTestButton = &testButton;
+        controller->localAddressLookup = [] { return QStringList{"127.0.0.1"}; };
+        controller->kiccAnswerPort = 0;
+        controller->smartroAnswerPort = 0;
+        controller->senders = VendorSenders({kicc->port(), kis->port(), smartro->port()}, timings);
+        controller->viewDidLoad();
+    }
+
+    void post(const QVariantMap &object) {
+        NotificationCenter::defaultCenter().post(NotificationName::TCPcontrol, object);
+    }
+
+    int connectionCount() const {
+        return static_cast<int>(kicc->connections().size() + kis->connections().size() +
+                                smartro->connections().size());
+    }
+
+    // The lines the channel printed, without the dispatcher's line for each request.
+    QStringList channelLines() const {
+        QStringList lines = capture->lines();
+        lines.removeIf([](const QString &l) { return l.startsWith(QLatin1String("TCP request: ")); });
+        return lines;
+    }
+
+    bool deliverToListener(const TerminalListener *listener, const QByteArray &frame) {
+        QTcpSocket terminal;
+        terminal.connectToHost(QHostAddress::LocalHost, listener->serverPort());
+        if (!terminal.waitForConnected(2000))
+            return false;
+        terminal.write(frame);
+        terminal.flush();
+        return waitUntil([&] { return terminal.state() == QAbstractSocket::UnconnectedState; }, 3000);
+    }
+
+private slots:
+    void initTestCase() {
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
+        NotificationCenter::defaultCenter().addObserver(NotificationName::WEBSOCKET, this,
+                                                        [this](const QVariant &o) { answers << o.toMap(); });
+        NotificationCenter::defaultCenter().addObserver(
+            NotificationName::USBcontrol, this, [this](const QVariant &o) { usbMessages << o.toMap(); });
+    }
+
+    void init() {
+        for (const QString &key : UserDefaults::standard().keys())
+            UserDefaults::standard().remove(key);
+        UserDefaults::standard().setValue("TCP_IP", "127.0.0.1");
+        answers.clear();
+        usbMessages.clear();
+        title = {};
+        ipField = {};
+        popup = {};
+        popup.addItemsWithTitles(TCPViewController::vendors);
+        kiccLabel = {};
+        smartroLabel = {};
+        kicc = std::make_unique<FakeTerminal>();
+        kis = std::make_unique<FakeTerminal>();
+        smartro = std::make_unique<FakeTerminal>();
+        QVERIFY(kicc->listen() && kis->listen() && smartro->listen());
+        capture = std::make_unique<StdoutCapture>();
+    }
+
+    void cleanup() {
+        controller.reset();
+        kicc.reset();
+        kis.reset();
+        smartro.reset();
+        // Exchanges still waiting see their terminal go, and finish within this test.
+        keepRunningFor(100);
+        capture.reset();
+    }
+
+    // ---- choosing the vendor
+
+    void upperAndLowerCaseVanReachTheSameTerminal_data() {
+        QTest::addColumn<QString>("van");
+        QTest::addColumn<int>("terminal");
+        QTest::newRow("KIS") << "KIS" << 1;
+        QTest::newRow("kis") << "kis" << 1;
+        QTest::newRow("KICC") << "KICC" << 0;
+        QTest::newRow("kicc") << "kicc" << 0;
+        QTest::newRow("SMARTRO") << "SMARTRO" << 2;
+        QTest::newRow("smartro") << "smartro" << 2;
+    }
+    void upperAndLowerCaseVanReachTheSameTerminal() {
+        QFETCH(QString, van);
+        QFETCH(int, terminal);
+        load();
+        const QByteArray bytes("\x02REQ\x00\xff\x03", 7);
+        post(request(van, bytes));
+        FakeTerminal *expected = std::array{kicc.get(), kis.get(), smartro.get()}[terminal];
+        QVERIFY(waitUntil(
+            [&] {
+                return !expected->connections().isEmpty() &&
+                       expected->connections().first().received == bytes;
+            },
+            3000));
+        QCOMPARE(connectionCount(), 1);
+    }
+
+    void mixedCaseOrUnknownVanSendsNothing_data() {
+        QTest::addColumn<QVariant>("van");
+        QTest::newRow("Kis") << QVariant("Kis");
+        QTest::newRow("kIS") << QVariant("kIS");
+        QTest::newRow("Kicc") << QVariant("Kicc");
+        QTest::newRow("Smartro") << QVariant("Smartro");
+        QTest::newRow("KIS with a blank") << QVariant("KIS ");
+        QTest::newRow("empty") << QVariant("");
+        QTest::newRow("absent") << QVariant::fromValue(nullptr);
+        QTest::newRow("number") << QVariant(5);
+    }
+    void mixedCaseOrUnknownVanSendsNothing() {
+        QFETCH(QVariant, van);
+        load();
+        post(request(van, "\x02REQ\x03"));
+        keepRunningFor(1200);
+        QCOMPARE(connectionCount(), 0);
+        QCOMPARE(title.background, std::optional<Rgba>()); // not a deselect either
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    void dispatcherPrintsTheRequestTypeAndVan() {
+        load();
+        post(request("Kis", "", 7));
+        QCOMPARE(capture->lines(), QStringList{R"(TCP request: requesttype "", van "Kis")"});
+    }
+
+    void deselectWithAnEmptyVanNeverOpensASocket() {
+        load();
+        ipField.editable = true;
+        ipField.enabled = true;
+        post({{"msg", "deselect"}, {"van", ""}});
+        QCOMPARE(title.background, std::optional<Rgba>(PageColor::deselectedGrey));
+        QCOMPARE(title.text, std::optional<Rgba>(PageColor::selectedBlue));
+        QCOMPARE(ipField.editable, std::optional<bool>(false));
+        QCOMPARE(ipField.enabled, std::optional<bool>(false));
+        keepRunningFor(1200);
+        QCOMPARE(connectionCount(), 0);
+        QVERIFY(UserDefaults::standard().value("MAIN_INTERFACE") == std::nullopt); // only the look changes
+    }
+
+    void deselectWithAVendorVanIsSentAnyway() {
+        load();
+        QVariantMap r = request("KIS", "\x02PAY\x03");
+        r.insert("msg", "deselect");
+        post(r);
+        QVERIFY(waitUntil([&] { return kis->connections().size() == 1; }, 3000));
+        QCOMPARE(title.background, std::optional<Rgba>());
+    }
+
+    void anotherMessageChangesNothing() {
+        load();
+        post({{"msg", "select"}, {"van", ""}});
+        post({{"msg", "Deselect"}, {"van", ""}});
+        QCOMPARE(title.background, std::optional<Rgba>());
+        QCOMPARE(ipField.enabled, std::optional<bool>());
+    }
+
+    // ---- what goes on the wire
+
+    void printTextIsSentInCodePage949() {
+        load();
+        post(request("KICC", QStringLiteral("영수증 테스트\n").toUtf8(), "print"));
+        QVERIFY(waitUntil([&] { return kicc->closedCount() == 1; }, 3000));
+        QCOMPARE(kicc->connections().first().received, QByteArray::fromHex("bfb5bcf6c1f520c5d7bdbac6ae0a"));
+    }
+
+    void printTextThatIsNotUtf8IsNotSent() {
+        load();
+        post(request("SMARTRO", QByteArray("\xff\xfe", 2), "print"));
+        keepRunningFor(1200);
+        QCOMPARE(connectionCount(), 0);
+        QCOMPARE(channelLines().size(), 1);
+        QVERIFY(channelLines().first().contains("not sent"));
+    }
+
+    void paymentBytesAreSentUnchanged() {
+        load();
+        QByteArray all;
+        for (int i = 0; i < 256; ++i)
+            all.append(static_cast<char>(i));
+        post(request("KICC", all));
+        QVERIFY(waitUntil([&] { return kicc->closedCount() == 1; }, 3000));
+        QCOMPARE(kicc->connections().first().received, all);
+    }
+
+    void invalidOrMissingTerminalAddressDropsTheRequestSilently_data() {
+        QTest::addColumn<QString>("ip");
+        QTest::newRow("missing") << QString();
+        QTest::newRow("leading zero") << "127.0.0.01";
+        QTest::newRow("out of range") << "256.1.1.1";
+        QTest::newRow("host name") << "localhost";
+    }
+    void invalidOrMissingTerminalAddressDropsTheRequestSilently() {
+        QFETCH(QString, ip);
+        if (ip.isNull())
+            UserDefaults::standard().remove("TCP_IP");
+        else
+            UserDefaults::standard().setValue("TCP_IP", ip);
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        post(request("KICC", "\x02PAY\x03"));
+        post(request("SMARTRO", "\x02PAY\x03"));
+        keepRunningFor(1200);
+        QCOMPARE(connectionCount(), 0);
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    void refusedConnectionPrintsOneErrorLine() {
+        load();
+        const quint16 port = kis->port();
+        kis.reset(); // nothing listens there any more
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return channelLines().size() == 1; }, 3000));
+        keepRunningFor(300);
+        QCOMPARE(channelLines().size(), 1);
+        QVERIFY2(channelLines().first().contains(QStringLiteral("127.0.0.1:%1").arg(port)),
+                 qPrintable(channelLines().first()));
+        QVERIFY(channelLines().first().contains("refused", Qt::CaseInsensitive));
+        QCOMPARE(answers.size(), 0);
+        kis = std::make_unique<FakeTerminal>(); // for cleanup
+    }
+
+    void connectThatNeverCompletesEndsAfterOneSecond() {
+        Blackhole dead;
+        QVERIFY(dead.open());
+        load();
+        controller->senders = VendorSenders({dead.port(), dead.port(), dead.port()});
+        QElapsedTimer clock;
+        clock.start();
+        post(request("SMARTRO", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return channelLines().size() == 1; }, 3000));
+        QVERIFY2(clock.elapsed() >= 900 && clock.elapsed() <= 1600,
+                 qPrintable(QString::number(clock.elapsed())));
+        QVERIFY2(channelLines().first().contains("timed out"), qPrintable(channelLines().first()));
+    }
+
+    // ---- KICC
+
+    void kiccReplyIsDiscardedAndTheConnectionClosed() {
+        kicc->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06RECEIVED")});
+        load();
+        post(request("KICC", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return kicc->closedCount() == 1; }, 3000));
+        const auto &c = kicc->connections().first();
+        QVERIFY2(c.closedAtMs - c.replySentAtMs.first() < 500, qPrintable(QString::number(c.closedAtMs)));
+        keepRunningFor(300);
+        QCOMPARE(answers.size(), 0);
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    void silentKiccTerminalIsLeftAfterOneSecond() {
+        load();
+        post(request("KICC", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return kicc->closedCount() == 1; }, 3000));
+        const auto &c = kicc->connections().first();
+        const qint64 held = c.closedAtMs - c.receivedAtMs.last();
+        QVERIFY2(held >= 900 && held <= 1600, qPrintable(QString::number(held)));
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    // ---- KIS
+
+    void kisAnswerWithHangulReachesThePos() {
+        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
+                        FakeTerminal::reply(QByteArray("\x02"
+                                                       "AB") +
+                                                cp(QStringLiteral("승인 완료 1234")) + '\x03',
+                                            200)});
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer(QStringLiteral("승인 완료 1234"), "KIS7430"));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 2000));
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    void kisPrintEndsWithTheFirstReply() {
+        kis->setScript({FakeTerminal::awaitBytes(1), FakeTerminal::reply("\x06"),
+                        FakeTerminal::reply("\x02"
+                                            "ABLATE\x03",
+                                            300)});
+        load();
+        post(request("kis", "SLIP\n", "print"));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
+        const auto &c = kis->connections().first();
+        QVERIFY(c.closedAtMs - c.replySentAtMs.first() < 250);
+        keepRunningFor(500);
+        QCOMPARE(answers.size(), 0);
+    }
+
+    void kisRequestWithDleAtIndexTwoNeverWaits() {
+        kis->setScript({FakeTerminal::awaitBytes(4), FakeTerminal::reply("\x06"),
+                        FakeTerminal::reply("\x02"
+                                            "ABLATE\x03",
+                                            300)});
+        load();
+        post(request("KIS", QByteArray("\x02"
+                                       "A\x10"
+                                       "B",
+                                       4)));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
+        QVERIFY(kis->connections().first().closedAtMs - kis->connections().first().replySentAtMs.first() <
+                250);
+        keepRunningFor(500);
+        QCOMPARE(answers.size(), 0);
+    }
+
+    void kisRequestWithDleAtIndexTwoAndNoReplyEndsAfterOneSecond() {
+        load();
+        post(request("KIS", QByteArray("\x02"
+                                       "A\x10"
+                                       "B",
+                                       4)));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
+        const auto &c = kis->connections().first();
+        const qint64 held = c.closedAtMs - c.receivedAtMs.last();
+        QVERIFY2(held >= 900 && held <= 1600, qPrintable(QString::number(held)));
+    }
+
+    void kisWaitForTheCustomerDoesNotEndEarly() {
+        // Longer than every other wait of the channel; the 300 s itself is not sat out.
+        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
+                        FakeTerminal::reply("\x02"
+                                            "ABPAID\x03",
+                                            6500)});
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 10000));
+        QCOMPARE(answers.first(), answer("PAID", "KIS7430"));
+        const auto &c = kis->connections().first();
+        QVERIFY(c.closedAtMs >= c.replySentAtMs.last()); // open until the answer came
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    void kisWithoutFirstReplyStillWaitsForTheAnswer() {
+        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x02"
+                                                                         "ABPAID\x03",
+                                                                         2000)});
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 5000));
+        QCOMPARE(answers.first(), answer("PAID", "KIS7430"));
+    }
+
+    void kisAcknowledgementInsteadOfAnAnswerEndsQuietly() {
+        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x15"),
+                        FakeTerminal::reply("\x06"
+                                            "ABCDEF",
+                                            200)});
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
+        keepRunningFor(300);
+        QCOMPARE(answers.size(), 0);
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    void kisAnswerOfFourBytesIsAnEmptyAnswer() {
+        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
+                        FakeTerminal::reply("\x02"
+                                            "AB\x03",
+                                            200)});
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer("", "KIS7430"));
+    }
+
+    void kisAnswerThatIsNotCodePage949PrintsEucFailed() {
+        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
+                        FakeTerminal::reply(QByteArray("\x02"
+                                                       "AB\xff\xff\x03",
+                                                       6),
+                                            200)});
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
+        QCOMPARE(channelLines(), QStringList{"euc failed"});
+        QCOMPARE(answers.size(), 0);
+    }
+
+    void kisTerminalHangingUpWhileTheCustomerIsThereEndsQuietly() {
+        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"), FakeTerminal::hangUp(300)});
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
+        keepRunningFor(300);
+        QCOMPARE(answers.size(), 0);
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    void kisAnswerWaitThatRunsOutEndsQuietly() {
+        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06")});
+        ExchangeTimings shortWait;
+        shortWait.kisAnswerMs = 500;
+        load(shortWait);
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
+        QCOMPARE(answers.size(), 0);
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    // ---- SMARTRO
+
+    void smartroSilenceAfterTheRequestPrintsFirstResponseNotComes() {
+        load();
+        post(request("SMARTRO", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return smartro->closedCount() == 1; }, 3000));
+        const auto &c = smartro->connections().first();
+        const qint64 held = c.closedAtMs - c.receivedAtMs.last();
+        QVERIFY2(held >= 900 && held <= 1600, qPrintable(QString::number(held)));
+        QCOMPARE(c.received, QByteArray("\x02PAY\x03")); // no acknowledgement
+        QCOMPARE(channelLines(), QStringList{"FIRST RESPONSE NOT COMES!"});
+    }
+
+    void smartroSilenceAfterTheFirstReplyTimesOutAfterFiveSeconds() {
+        smartro->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06")});
+        load();
+        post(request("SMARTRO", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return smartro->closedCount() == 1; }, 9000));
+        const auto &c = smartro->connections().first();
+        const qint64 waited = c.closedAtMs - c.replySentAtMs.first();
+        QVERIFY2(waited >= 4500 && waited <= 6500, qPrintable(QString::number(waited)));
+        QCOMPARE(c.received, QByteArray("\x02PAY\x03")); // the first reply is never acknowledged
+        QCOMPARE(channelLines(), QStringList{"TIME OUT OCCURED!"});
+        QCOMPARE(answers.size(), 0);
+    }
+
+    void smartroAcknowledgesEveryReplyAfterTheFirstBeforeLookingAtIt() {
+        const QByteArray dle = QByteArray("\x10") + cp(QStringLiteral("승인"));
+        smartro->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("ONE", 50),
+                            FakeTerminal::reply("TWO", 300), FakeTerminal::awaitBytes(8),
+                            FakeTerminal::reply("THREE", 100), FakeTerminal::awaitBytes(11),
+                            FakeTerminal::reply(dle, 100), FakeTerminal::awaitBytes(14)});
+        load();
+        post(request("SMARTRO", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 5000));
+        QCOMPARE(answers.first(), answer(QString(QChar(0x10)) + QStringLiteral("승인"), "SMT-T263"));
+        QVERIFY(waitUntil([&] { return smartro->closedCount() == 1; }, 2000));
+        QCOMPARE(smartro->connections().first().received, QByteArray("\x02PAY\x03") + QByteArray(9, '\x06'));
+        QCOMPARE(channelLines(), (QStringList{"ack success", "ack success", "ack success", "DLE COMES!"}));
+    }
+
+    void smartroFirstReplyStartingWithDleIsNotTheAnswer() {
+        smartro->setScript({FakeTerminal::awaitBytes(5),
+                            FakeTerminal::reply("\x10"
+                                                "FIRST"),
+                            FakeTerminal::reply("\x10"
+                                                "SECOND",
+                                                300),
+                            FakeTerminal::awaitBytes(8)});
+        load();
+        post(request("SMARTRO", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 5000));
+        QCOMPARE(answers.first(), answer(QString(QChar(0x10)) + "SECOND", "SMT-T263"));
+        QCOMPARE(channelLines(), (QStringList{"ack success", "DLE COMES!"}));
+    }
+
+    void smartroTerminalHangingUpEndsWithTimeOutAtOnce() {
+        smartro->setScript(
+            {FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"), FakeTerminal::hangUp(100)});
+        load();
+        QElapsedTimer clock;
+        clock.start();
+        post(request("SMARTRO", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return channelLines().size() == 1; }, 3000));
+        QVERIFY2(clock.elapsed() < 1500, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(channelLines(), QStringList{"TIME OUT OCCURED!"});
+    }
+
+    void smartroDleReplyThatIsNotCodePage949PrintsEucFailed() {
+        smartro->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
+                            FakeTerminal::reply(QByteArray("\x10\xff\xff", 3), 100),
+                            FakeTerminal::awaitBytes(8)});
+        load();
+        post(request("SMARTRO", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return channelLines().size() == 3; }, 3000));
+        QCOMPARE(channelLines(), (QStringList{"ack success", "DLE COMES!", "euc failed"}));
+        keepRunningFor(200);
+        QCOMPARE(answers.size(), 0);
+    }
+
+    // ---- the connection test
+
+    void connectionTestSendsTheTestTextToTheChosenVendor_data() {
+        QTest::addColumn<QString>("vendor");
+        QTest::addColumn<int>("terminal");
+        QTest::addColumn<QByteArray>("bytes");
+        const QByteArray korean = cp(QStringLiteral("    테라노소프트 테스트 문자\n\n\n"));
+        QTest::newRow("KICC") << "KICC" << 0 << korean;
+        QTest::newRow("KIS") << "KIS" << 1 << korean;
+        QTest::newRow("SMARTRO") << "SMARTRO" << 2 << QByteArray("SMARTRO test print");
+    }
+    void connectionTestSendsTheTestTextToTheChosenVendor() {
+        QFETCH(QString, vendor);
+        QFETCH(int, terminal);
+        QFETCH(QByteArray, bytes);
+        UserDefaults::standard().setValue("TCP_DEVICE", vendor);
+        kis->setScript({FakeTerminal::awaitBytes(bytes.size()), FakeTerminal::reply("\x06")});
+        load();
+        controller->connectionTestClicked();
+        FakeTerminal *expected = std::array{kicc.get(), kis.get(), smartro.get()}[terminal];
+        QVERIFY(waitUntil([&] { return expected->closedCount() == 1; }, 3000));
+        QCOMPARE(expected->connections().first().received, bytes);
+        QCOMPARE(connectionCount(), 1);
+        if (vendor == "KIS") // a print job: the first reply ends it, no waiting for a customer
+            QVERIFY(kis->connections().first().closedAtMs - kis->connections().first().replySentAtMs.first() <
+                    250);
+    }
+
+    // ---- the page
+
+    void firstLoadStoresKiccAndSelectsIt() {
+        load();
+        QCOMPARE(UserDefaults::standard().string("TCP_DEVICE"), std::optional<QString>("KICC"));
+        QCOMPARE(popup.selected, 0);
+        QCOMPARE(popup.titles, (QStringList{"KICC", "KIS", "SMARTRO"}));
+        QCOMPARE(ipField.value, QStringLiteral("127.0.0.1"));
+    }
+
+    void storedVendorIsSelectedAtLoad() {
+        UserDefaults::standard().setValue("TCP_DEVICE", "SMARTRO");
+        load();
+        QCOMPARE(popup.selected, 2);
+        QCOMPARE(UserDefaults::standard().string("TCP_DEVICE"), std::optional<QString>("SMARTRO"));
+    }
+
+    void choosingAVendorStoresItsTitle() {
+        load();
+        popup.selected = 1;
+        controller->deviceTypeChanged();
+        QCOMPARE(UserDefaults::standard().string("TCP_DEVICE"), std::optional<QString>("KIS"));
+        QCOMPARE(capture->lines(), QStringList{"TCP_DEVICE: KIS"});
+    }
+
+    void ipIsStoredOnEnterOnlyWhenItIsAnIPv4Address_data() {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QString>("stored");
+        QTest::newRow("leading zero") << "192.168.0.01"
+                                      << "127.0.0.1";
+        QTest::newRow("all ones") << "255.255.255.255"
+                                  << "255.255.255.255";
+        QTest::newRow("out of range") << "256.1.1.1"
+                                      << "127.0.0.1";
+        QTest::newRow("shop terminal") << "192.168.0.10"
+                                       << "192.168.0.10";
+        QTest::newRow("three parts") << "192.168.0"
+                                     << "127.0.0.1";
+        QTest::newRow("blank") << " 10.0.0.1"
+                               << "127.0.0.1";
+    }
+    void ipIsStoredOnEnterOnlyWhenItIsAnIPv4Address() {
+        QFETCH(QString, typed);
+        QFETCH(QString, stored);
+        load();
+        ipField.value = typed;
+        controller->ipTextfieldEnter();
+        QCOMPARE(UserDefaults::standard().string("TCP_IP"), std::optional<QString>(stored));
+    }
+
+    void clickingTheTitleMakesTcpTheActiveInterface() {
+        UserDefaults::standard().setValue("MAIN_INTERFACE", "USB");
+        UserDefaults::standard().setValue("TCP_IP", "192.168.0.10");
+        load();
+        ipField.value.clear();
+        ipField.enabled = false;
+        ipField.editable = false;
+        controller->titleLabelClicked();
+        QCOMPARE(UserDefaults::standard().string("MAIN_INTERFACE"), std::optional<QString>("TCP"));
+        QCOMPARE(usbMessages.size(), 1);
+        QCOMPARE(usbMessages.first(),
+                 (QVariantMap{{"msg", "deselect"}, {"van", ""}, {"requesttype", "msg"}}));
+        QCOMPARE(ipField.value, QStringLiteral("192.168.0.10"));
+        QCOMPARE(ipField.enabled, std::optional<bool>(true));
+        QCOMPARE(ipField.editable, std::optional<bool>(true));
+        QCOMPARE(title.background, std::optional<Rgba>(PageColor::selectedBlue));
+        QCOMPARE(title.text, std::optional<Rgba>(PageColor::white));
+        controller->titleLabelClicked(); // again: the same message again
+        QCOMPARE(usbMessages.size(), 2);
+    }
+
+    void appearingPaintsTheTitleOnlyWhenTcpIsActive() {
+        UserDefaults::standard().setValue("MAIN_INTERFACE", "USB");
+        load();
+        controller->viewDidAppear();
+        QCOMPARE(title.background, std::optional<Rgba>());
+        UserDefaults::standard().setValue("MAIN_INTERFACE", "TCP");
+        controller->viewDidAppear();
+        QCOMPARE(title.background, std::optional<Rgba>(PageColor::selectedBlue));
+        QCOMPARE(title.text, std::optional<Rgba>(PageColor::white));
+    }
+
+    // ---- the answer listeners
+
+    void listenersStartAndSayServiceStartComplete() {
+        load();
+        QVERIFY(controller->kiccListener() && controller->smartroListener());
+        QCOMPARE(controller->kiccListener()->serverAddress(), QHostAddress(QHostAddress::LocalHost));
+        QCOMPARE(kiccLabel.text, QStringLiteral("서비스 시작 완료"));
+        QCOMPARE(kiccLabel.color, std::optional<Qt::GlobalColor>(Qt::green));
+        QCOMPARE(smartroLabel.text, QStringLiteral("서비스 시작 완료"));
+        QCOMPARE(smartroLabel.color, std::optional<Qt::GlobalColor>(Qt::green));
+        QCOMPARE(capture->lines(), QStringList());
+    }
+
+    void listenersBindTheFirstAddressOfTheLookup() {
+        controller = std::make_unique<TCPViewController>();
+        controller->localAddressLookup = [] { return QStringList{"127.0.0.2", "127.0.0.1"}; };
+        controller->kiccAnswerPort = 0;
+        controller->smartroAnswerPort = 0;
+        controller->viewDidLoad();
+        QCOMPARE(controller->kiccListener()->serverAddress(), QHostAddress("127.0.0.2"));
+        QCOMPARE(controller->smartroListener()->serverAddress(), QHostAddress("127.0.0.2"));
+        QTcpSocket other;
+        other.connectToHost(QHostAddress::LocalHost, controller->kiccListener()->serverPort());
+        QVERIFY(!other.waitForConnected(1000)); // bound to one address only
+    }
+
+    void takenPortLeavesThatListenerDownAndTheOtherUp() {
+        QTcpServer squatter;
+        QVERIFY(squatter.listen(QHostAddress::LocalHost));
+        controller = std::make_unique<TCPViewController>();
+        controller->kiccLabel = &kiccLabel;
+        controller->smartroLabel = &smartroLabel;
+        controller->localAddressLookup = [] { return QStringList{"127.0.0.1"}; };
+        controller->kiccAnswerPort = squatter.serverPort();
+        controller->smartroAnswerPort = 0;
+        controller->viewDidLoad();
+        QVERIFY(!controller->kiccListener());
+        QVERIFY(controller->smartroListener());
+        QCOMPARE(kiccLabel.text, QString());
+        QCOMPARE(smartroLabel.text, QStringLiteral("서비스 시작 완료"));
+        QCOMPARE(capture->lines().size(), 1);
+        QVERIFY2(capture->lines().first().contains(QString::number(squatter.serverPort())),
+                 qPrintable(capture->lines().first()));
+    }
+
+    void noUsableInterfaceAddressIsAFatalStop() {
+        const ChildOutcome outcome = runInChild([] {
+            TCPViewController lonely;
+            lonely.localAddressLookup = [] { return QStringList(); };
+            lonely.kiccAnswerPort = 0;
+            lonely.smartroAnswerPort = 0;
+            lonely.viewDidLoad();
+        });
+        QVERIFY(outcome.exitedNormally);
+        QVERIFY(outcome.exitCode != 0);
+        QVERIFY2(outcome.standardError.startsWith("fatal: "), outcome.standardError.constData());
+        QCOMPARE(outcome.standardError.count('\n'), 1);
+    }
+
+    void frameOfNineBytesYieldsAOneByteAnswer() {
+        load();
+        QVERIFY(deliverToListener(controller->kiccListener(), "12345X678"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer("X", "TS-132N:TS-167"));
+    }
+
+    void frameOfEightBytesYieldsAnEmptyAnswer() {
+        load();
+        QVERIFY(deliverToListener(controller->smartroListener(), "12345678"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer("", "SMT-T263"));
+        QCOMPARE(capture->lines(), QStringList{"Client Comes!"});
+    }
+
+    void answerLongerThan1024BytesIsCutFromItsFirst1024() {
+        load();
+        const QByteArray frame = "HEAD:" + QByteArray(1500, 'x');
+        QVERIFY(deliverToListener(controller->kiccListener(), frame));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer(QString(1024 - 5 - 3, u'x'), "TS-132N:TS-167"));
+    }
+
+    void listenerAnswerWithHangul() {
+        load();
+        QVERIFY(deliverToListener(controller->smartroListener(), "\x02"
+                                                                 "0123" +
+                                                                     cp(QStringLiteral("카드 승인")) +
+                                                                     "\x03"
+                                                                     "XY"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer(QStringLiteral("카드 승인"), "SMT-T263"));
+    }
+
+    void listenerAnswerThatIsNotCodePage949PrintsEucFailed() {
+        load();
+        QVERIFY(deliverToListener(controller->kiccListener(), QByteArray("12345\xff\xff"
+                                                                         "678",
+                                                                         10)));
+        QVERIFY(waitUntil([&] { return capture->lines().size() == 1; }, 3000));
+        QCOMPARE(capture->lines(), QStringList{"euc failed"});
+        keepRunningFor(200);
+        QCOMPARE(answers.size(), 0);
+    }
+
+    void terminalThatHangsUpWithoutAWordDeliversAnEmptyAnswer() {
+        load();
+        QTcpSocket terminal;
+        terminal.connectToHost(QHostAddress::LocalHost, controller->kiccListener()->serverPort());
+        QVERIFY(terminal.waitForConnected(2000));
+        terminal.disconnectFromHost();
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer("", "TS-132N:TS-167"));
+    }
+
+    void silentConnectionHoldsUpNoOtherAnswer() {
+        load();
+        QTcpSocket silent;
+        silent.connectToHost(QHostAddress::LocalHost, controller->kiccListener()->serverPort());
+        QVERIFY(silent.waitForConnected(2000));
+        QVERIFY(deliverToListener(controller->kiccListener(), "12345OK678"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer("OK", "TS-132N:TS-167"));
+        QCOMPARE(silent.state(), QAbstractSocket::ConnectedState);
+    }
+
+    void everyConnectionCarriesOneAnswer() {
+        load();
+        for (int i = 0; i < 3; ++i)
+            QVERIFY(
+                deliverToListener(controller->smartroListener(), "12345" + QByteArray::number(i) + "678"));
+        QVERIFY(waitUntil([&] { return answers.size() == 3; }, 3000));
+        QCOMPARE(answers[2], answer("2", "SMT-T263"));
+        QCOMPARE(capture->lines(), (QStringList{"Client Comes!", "Client Comes!", "Client Comes!"}));
+    }
+};
+
+QTEST_GUILESS_MAIN(TcpChannelTest)
+#include "tst_tcpchannel.moc"
