@@ -192,13 +192,19 @@ private slots:
         QVERIFY(service.isRunning());
     }
 
-    void kisResultOfThreeBytesStopsTheService() {
+    void kisResultOfThreeBytesOrFewerStopsTheService_data() {
+        QTest::addColumn<QByteArray>("result");
+        QTest::newRow("3 bytes") << QByteArray("\x02"
+                                               "A\x03");
+        QTest::newRow("2 bytes") << QByteArray("\x02\x03");
+        QTest::newRow("1 byte") << QByteArray("\x15");
+    }
+    void kisResultOfThreeBytesOrFewerStopsTheService() {
+        QFETCH(QByteArray, result);
         FakeTerminal kis;
         QVERIFY(kis.listen(5000));
-        kis.setScript({FakeTerminal::awaitBytes(1), FakeTerminal::reply("\x06"),
-                       FakeTerminal::reply("\x02"
-                                           "A\x03",
-                                           200)});
+        kis.setScript(
+            {FakeTerminal::awaitBytes(1), FakeTerminal::reply("\x06"), FakeTerminal::reply(result, 200)});
         ServiceProcess service;
         configure(service);
         PosClient pos;
