@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-websockets-dev qt6-serialport-dev)
 if [[ "${1:-}" == "--test" ]]; then
-    packages+=(clang libclang-rt-14-dev chromium)
+    packages+=(clang libclang-rt-14-dev chromium iproute2)
 fi
 
 missing=()
