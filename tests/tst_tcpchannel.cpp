@@ -185,7 +185,7 @@ private slots:
         post(request(van, "\x02REQ\x03"));
         keepRunningFor(1200);
         QCOMPARE(connectionCount(), 0);
-        QCOMPARE(title.background, std::optional<Rgba>()); // not a deselect either
+        QVERIFY(!title.background.has_value()); // not a deselect either
         QCOMPARE(channelLines(), QStringList());
     }
 
@@ -215,15 +215,15 @@ private slots:
         r.insert("msg", "deselect");
         post(r);
         QVERIFY(waitUntil([&] { return kis->connections().size() == 1; }, 3000));
-        QCOMPARE(title.background, std::optional<Rgba>());
+        QVERIFY(!title.background.has_value());
     }
 
     void anotherMessageChangesNothing() {
         load();
         post({{"msg", "select"}, {"van", ""}});
         post({{"msg", "Deselect"}, {"van", ""}});
-        QCOMPARE(title.background, std::optional<Rgba>());
-        QCOMPARE(ipField.enabled, std::optional<bool>());
+        QVERIFY(!title.background.has_value());
+        QVERIFY(!ipField.enabled.has_value());
     }
 
     // ---- what goes on the wire
@@ -648,7 +648,7 @@ private slots:
         UserDefaults::standard().setValue("MAIN_INTERFACE", "USB");
         load();
         controller->viewDidAppear();
-        QCOMPARE(title.background, std::optional<Rgba>());
+        QVERIFY(!title.background.has_value());
         UserDefaults::standard().setValue("MAIN_INTERFACE", "TCP");
         controller->viewDidAppear();
         QCOMPARE(title.background, std::optional<Rgba>(PageColor::selectedBlue));

@@ -10,6 +10,12 @@ TcpClient::TcpClient(const QHostAddress &address, quint16 port, QObject *parent)
     connect(&timer, &QTimer::timeout, this, &TcpClient::onTimeout);
 }
 
+TcpClient::~TcpClient() {
+    // An exchange cut short by the application's end: the socket closing below must not
+    // run any step of it.
+    socket.disconnect(this);
+}
+
 QString TcpClient::target() const {
     return QStringLiteral("%1:%2").arg(address.toString()).arg(port);
 }

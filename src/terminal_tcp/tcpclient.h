@@ -22,6 +22,7 @@ public:
     static constexpr int closeGraceMs = 5000;
 
     TcpClient(const QHostAddress &address, quint16 port, QObject *parent = nullptr);
+    ~TcpClient() override;
 
     // `done` gets nothing on success, or the reason the connection could not be made.
     void connectToTerminal(int timeoutMs, ConnectDone done);

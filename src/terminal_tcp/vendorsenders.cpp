@@ -10,6 +10,7 @@
 #include "terminalresponse.h"
 #include "userdefaults.h"
 
+#include <QCoreApplication>
 #include <QHostAddress>
 
 namespace {
@@ -31,12 +32,14 @@ void postAnswer(const QByteArray &bytes, const QString &deviceName) {
                                              terminalResponse(*text, deviceName));
 }
 
-// One request's trip to a terminal and back. Deletes itself when its connection is closed.
+// One request's trip to a terminal and back. Deletes itself when its connection is closed;
+// one still waiting when the application ends goes with it.
 class Exchange : public QObject {
 public:
     Exchange(const QString &vendor, const QHostAddress &address, quint16 port, const QByteArray &request,
              const ExchangeTimings &timings)
-        : vendor(vendor), request(request), timings(timings), client(new TcpClient(address, port, this)) {
+        : QObject(QCoreApplication::instance()), vendor(vendor), request(request), timings(timings),
+          client(new TcpClient(address, port, this)) {
         connect(client, &TcpClient::finished, this, &QObject::deleteLater);
     }
 
