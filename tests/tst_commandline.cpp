@@ -36,6 +36,16 @@ private slots:
         QVERIFY(!parseCommandLine({"teranocounter", "--set", "=x"}).error.isEmpty());
         QVERIFY(parseCommandLine({"teranocounter", "--bogus"}).error.contains("--bogus"));
     }
+
+    void pendingAndClear() {
+        const CommandLine list = parseCommandLine({"teranocounter", "--pending"});
+        QVERIFY(list.error.isEmpty());
+        QVERIFY(list.listPending);
+        QVERIFY(!list.clearPending);
+        const CommandLine clear = parseCommandLine({"teranocounter", "--pending", "--clear"});
+        QVERIFY(clear.listPending && clear.clearPending);
+        QVERIFY(parseCommandLine({"teranocounter", "--clear"}).error.contains("--pending"));
+    }
 };
 
 QTEST_APPLESS_MAIN(CommandLineTest)

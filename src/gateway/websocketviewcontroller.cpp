@@ -4,6 +4,7 @@
 #include "log.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
+#include "pendingstore.h"
 #include "requestrouting.h"
 #include "userdefaults.h"
 
@@ -83,6 +84,9 @@ void WebSocketViewController::viewDidLoad() {
     responseObserver = NotificationCenter::defaultCenter().addObserver(
         NotificationName::WEBSOCKET, nullptr,
         [this](const QVariant &object) { notificationHandler(object); });
+    // A store that cannot be opened is said at start, not at the first lost answer.
+    if (holdUndeliveredAnswers())
+        PendingStore::shared();
     startWebSocketServer();
 }
 
@@ -92,6 +96,10 @@ void WebSocketViewController::startWebSocketServer() {
                 [this, socket](const QString &text) { acceptTextFrame(socket, text); });
         // Binary frames are not part of the POS protocol: no answer, and the sender is
         // not remembered.
+        openConnections.append(socket);
+        connect(socket, &QObject::destroyed, this, [this] { openConnections.removeAll(nullptr); });
+        if (holdUndeliveredAnswers())
+            deliverHeldAnswers(socket);
     });
     server.setOriginCheck([this](const QByteArray &origin) { return originAllowed(origin); });
 
@@ -127,7 +135,7 @@ void WebSocketViewController::notificationHandler(const QVariant &object) {
     QPointer<QWebSocket> session;
     {
         QMutexLocker lock(&sessionMutex);
-        if (!sessionHeld)
+        if (!sessionHeld && !holdUndeliveredAnswers())
             return; // no POS has spoken yet: nobody to answer
         session = wsSession;
     }
@@ -148,8 +156,45 @@ void WebSocketViewController::notificationHandler(const QVariant &object) {
 }
 
 void WebSocketViewController::writeResponse(const QPointer<QWebSocket> &session, const QString &text) {
-    if (session) // a POS that has gone away simply misses it
+    if (session && session->state() == QAbstractSocket::ConnectedState) {
         session->sendTextMessage(text);
+        return;
+    }
+    // No POS to take it. Normally it is lost; a shop that keeps undelivered answers gets it
+    // on the next POS connection, or on one that is open already.
+    if (!holdUndeliveredAnswers())
+        return;
+    PendingStore *store = PendingStore::shared();
+    if (!store)
+        return;
+    store->addAnswer(text.toUtf8(), PendingStore::nowMs());
+    for (auto it = openConnections.crbegin(); it != openConnections.crend(); ++it)
+        if (*it && (*it)->state() == QAbstractSocket::ConnectedState) {
+            deliverHeldAnswers(*it);
+            break;
+        }
+}
+
+void WebSocketViewController::deliverHeldAnswers(QWebSocket *socket) {
+    PendingStore *store = PendingStore::shared();
+    if (!store)
+        return;
+    for (const PendingStore::Answer &answer : store->answers()) {
+        const qint64 age = PendingStore::nowMs() - answer.storedAtMs;
+        if (age > heldAnswerLifetimeMs) {
+            logLine(
+                QStringLiteral("a held terminal answer was dropped unread after %1").arg(describeAge(age)));
+        } else {
+            socket->sendTextMessage(QString::fromUtf8(answer.json));
+        }
+        store->removeAnswer(answer.id);
+    }
+}
+
+bool WebSocketViewController::holdUndeliveredAnswers() {
+    const std::optional<QString> hold =
+        UserDefaults::standard().string(QStringLiteral("HOLD_UNDELIVERED_ANSWERS"));
+    return hold && hold->trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0;
 }
 
 QHostAddress WebSocketViewController::listenAddress() const {

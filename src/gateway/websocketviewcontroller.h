@@ -43,12 +43,18 @@ public:
     TextLabel *websocketLabel = nullptr;
     TextLabel *posConnectionLabel = nullptr;
 
+    // With HOLD_UNDELIVERED_ANSWERS, an answer that finds no POS waits this long at most.
+    static constexpr qint64 heldAnswerLifetimeMs = 24LL * 60 * 60 * 1000;
+    static bool holdUndeliveredAnswers();
+
 private:
     void writeResponse(const QPointer<QWebSocket> &session, const QString &text);
+    void deliverHeldAnswers(QWebSocket *socket);
     QHostAddress listenAddress() const;
     bool originAllowed(const QByteArray &origin) const;
 
     quint16 port;
+    QList<QPointer<QWebSocket>> openConnections; // upgraded and not yet gone, oldest first
     QMutex sessionMutex;
     NotificationCenter::Token responseObserver = 0;
 };

@@ -2,138 +2,12 @@
 
 #include "cp949.h"
 #include "fatal.h"
+#include "kitchenretryqueue.h"
 #include "log.h"
+#include "printjob.h"
 #include "textform.h"
 
-#include <QTcpSocket>
 #include <QTimer>
-
-namespace {
-
-// One order on its way to one printer. Lives only as long as its connection.
-class PrintJob : public QObject {
-public:
-    PrintJob(const QString &address, quint16 port, const std::optional<QByteArray> &payload)
-        : address(address), port(port), payload(payload) {
-        timer.setSingleShot(true);
-        connect(&socket, &QTcpSocket::connected, this, &PrintJob::onConnected);
-        connect(&socket, &QTcpSocket::errorOccurred, this, &PrintJob::onError);
-        connect(&socket, &QTcpSocket::bytesWritten, this, &PrintJob::onBytesWritten);
-        connect(&socket, &QTcpSocket::readyRead, this, &PrintJob::finishRead);
-        connect(&socket, &QTcpSocket::disconnected, this, &PrintJob::onDisconnected);
-        connect(&timer, &QTimer::timeout, this, &PrintJob::onTimeout);
-    }
-
-    void start() {
-        stage = Stage::Connecting;
-        timer.start(KitchenPrintService::connectTimeoutMs);
-        socket.connectToHost(address, port);
-    }
-
-private:
-    enum class Stage { Idle, Connecting, Sending, Reading, Done };
-
-    QString target() const { return QStringLiteral("%1:%2").arg(address, QString::number(port)); }
-
-    void fail(const QString &what) {
-        // The printer is gone or never answered: report once and let go of the socket
-        // without the orderly close.
-        logLine(singleLine(QStringLiteral("kitchen printer %1: %2").arg(target(), what)));
-        stage = Stage::Done;
-        timer.stop();
-        socket.abort();
-        deleteLater();
-    }
-
-    void onConnected() {
-        timer.stop();
-        if (!payload)
-            fatalStop(QStringLiteral("kitchen order for %1 is not valid UTF-8 or has characters that code "
-                                     "page 949 cannot represent")
-                          .arg(target()));
-        if (payload->isEmpty()) {
-            startRead();
-            return;
-        }
-        stage = Stage::Sending;
-        remaining = payload->size();
-        socket.write(*payload);
-    }
-
-    void onBytesWritten(qint64 written) {
-        if (stage != Stage::Sending)
-            return;
-        remaining -= written;
-        if (remaining <= 0)
-            startRead();
-    }
-
-    void startRead() {
-        // The reply is never examined; this wait only keeps the connection open long
-        // enough for the printer to take the job before it sees the close.
-        stage = Stage::Reading;
-        timer.start(KitchenPrintService::readTimeoutMs);
-        if (socket.bytesAvailable() > 0)
-            finishRead();
-    }
-
-    void finishRead() {
-        if (stage != Stage::Reading) {
-            socket.read(KitchenPrintService::readLimit); // arrived before the send finished
-            return;
-        }
-        socket.read(KitchenPrintService::readLimit);
-        close();
-    }
-
-    void close() {
-        stage = Stage::Done;
-        timer.stop();
-        socket.disconnectFromHost();
-        if (socket.state() == QAbstractSocket::UnconnectedState)
-            deleteLater();
-    }
-
-    void onTimeout() {
-        if (stage == Stage::Connecting)
-            fail(QStringLiteral("connection timed out after %1 s")
-                     .arg(KitchenPrintService::connectTimeoutMs / 1000));
-        else if (stage == Stage::Reading)
-            close();
-    }
-
-    void onError(QAbstractSocket::SocketError) {
-        switch (stage) {
-        case Stage::Connecting:
-        case Stage::Sending:
-            fail(socket.errorString());
-            break;
-        case Stage::Reading:
-            close(); // the printer hung up: the read simply comes back empty
-            break;
-        case Stage::Idle:
-        case Stage::Done:
-            break;
-        }
-    }
-
-    void onDisconnected() {
-        if (stage == Stage::Done)
-            deleteLater();
-        else if (stage == Stage::Reading)
-            close();
-    }
-
-    QString address;
-    quint16 port;
-    std::optional<QByteArray> payload;
-    QTcpSocket socket;
-    QTimer timer;
-    Stage stage = Stage::Idle;
-    qint64 remaining = 0;
-};
-
-} // namespace
 
 void KitchenPrintService::printKitchenOrder(const QVariantMap &request) const {
     const QVariant data = request.value(QStringLiteral("data"));
@@ -167,6 +41,10 @@ void KitchenPrintService::deliverToPrinter(const QString &address, const QString
             singleLine(QStringLiteral("kitchen printer %1:%2: port out of range").arg(address).arg(*port)));
         return;
     }
+    // A shop that keeps undelivered orders gets them retried until the printer is back;
+    // text that cannot be printed is never kept, and stops the service as it always has.
+    if (payload && KitchenRetryQueue::instance().enqueue(address, static_cast<quint16>(*port), *payload))
+        return;
     auto *job = new PrintJob(address, static_cast<quint16>(*port), payload);
     job->start();
 }

@@ -2,12 +2,15 @@
 
 #include "commandline.h"
 #include "gatewaypage.h"
+#include "kitchenretryqueue.h"
+#include "pendingstore.h"
 #include "tcppage.h"
 #include "userdefaults.h"
 
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QLoggingCategory>
 #include <QSystemTrayIcon>
 #include <cstdio>
@@ -36,6 +39,46 @@ int runSettingsChores(const CommandLine &line) {
         keys.sort();
         for (const QString &key : keys)
             printLine(stdout, key + u'=' + settingText(defaults.value(key).value_or(QVariant())));
+    }
+    return 0;
+}
+
+// What is waiting to be delivered: kind, age and size or printer, never the content (it
+// holds payment answers and orders).
+int runPendingChores(const CommandLine &line) {
+    const QString path = PendingStore::defaultPath();
+    if (!QFileInfo::exists(path)) {
+        printLine(stdout, QStringLiteral("nothing is waiting (%1 does not exist)").arg(path));
+        return 0;
+    }
+    PendingStore store(path);
+    if (!store.isOpen()) {
+        printLine(stderr,
+                  QStringLiteral("teranocounter: %1 cannot be opened: %2").arg(path, store.errorString()));
+        return 1;
+    }
+    const qint64 now = PendingStore::nowMs();
+    const QList<PendingStore::Answer> answers = store.answers();
+    const QList<PendingStore::Order> orders = store.orders();
+    for (const PendingStore::Answer &answer : answers)
+        printLine(stdout, QStringLiteral("answer waiting %1, %2 bytes")
+                              .arg(describeAge(now - answer.storedAtMs))
+                              .arg(answer.json.size()));
+    for (const PendingStore::Order &order : orders)
+        printLine(stdout, QStringLiteral("kitchen order waiting %1, printer %2:%3, %4 bytes")
+                              .arg(describeAge(now - order.arrivedAtMs), order.address)
+                              .arg(order.port)
+                              .arg(order.payload.size()));
+    if (answers.isEmpty() && orders.isEmpty())
+        printLine(stdout, QStringLiteral("nothing is waiting"));
+    if (line.clearPending) {
+        for (const PendingStore::Answer &answer : answers)
+            store.removeAnswer(answer.id);
+        for (const PendingStore::Order &order : orders)
+            store.removeOrder(order.id);
+        printLine(stdout, QStringLiteral("removed %1 answers and %2 kitchen orders")
+                              .arg(answers.size())
+                              .arg(orders.size()));
     }
     return 0;
 }
@@ -75,6 +118,8 @@ int runTeranoCounter(int argc, char **argv) {
     }
     if (!line.settingsToWrite.isEmpty() || line.printSettings)
         return runSettingsChores(line);
+    if (line.listPending)
+        return runPendingChores(line);
 
     if (line.headless || !haveDisplay()) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
@@ -97,5 +142,7 @@ int runTeranoCounter(int argc, char **argv) {
     TcpPage tcpPage;
     tcpPage.load();
     tcpPage.appear();
+    // Kitchen orders an earlier run kept (KITCHEN_RETRY_MINUTES) go out again at once.
+    KitchenRetryQueue::instance().resumeAtStart();
     return QApplication::exec();
 }

@@ -8,6 +8,10 @@ CommandLine parseCommandLine(const QStringList &arguments) {
             line.headless = true;
         } else if (argument == QLatin1String("--settings")) {
             line.printSettings = true;
+        } else if (argument == QLatin1String("--pending")) {
+            line.listPending = true;
+        } else if (argument == QLatin1String("--clear")) {
+            line.clearPending = true;
         } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
             line.help = true;
         } else if (argument == QLatin1String("--set") || argument.startsWith(QLatin1String("--set="))) {
@@ -32,13 +36,17 @@ CommandLine parseCommandLine(const QStringList &arguments) {
             return line;
         }
     }
+    if (line.clearPending && !line.listPending)
+        line.error = QStringLiteral("--clear goes with --pending");
     return line;
 }
 
 QString usageText() {
     return QStringLiteral(
-        "Usage: teranocounter [--headless] [--set KEY=VALUE]... [--settings]\n"
+        "Usage: teranocounter [--headless] [--set KEY=VALUE]... [--settings] [--pending [--clear]]\n"
         "  --headless        run without a tray icon (also chosen when no system tray is available)\n"
         "  --set KEY=VALUE   write a setting and exit (repeatable), e.g. --set MAIN_INTERFACE=TCP\n"
-        "  --settings        print the settings as KEY=VALUE lines, then exit\n");
+        "  --settings        print the settings as KEY=VALUE lines, then exit\n"
+        "  --pending         list the answers and kitchen orders waiting to be delivered, then exit\n"
+        "  --pending --clear the same, then remove them\n");
 }

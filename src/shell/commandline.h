@@ -9,6 +9,8 @@ struct CommandLine {
     bool headless = false;
     bool printSettings = false;
     bool help = false;
+    bool listPending = false;                       // --pending
+    bool clearPending = false;                      // --pending --clear
     QList<QPair<QString, QString>> settingsToWrite; // from --set KEY=VALUE, in order
     QString error;                                  // non-empty when the arguments cannot be used
 };

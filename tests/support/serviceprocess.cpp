@@ -19,6 +19,7 @@ QProcessEnvironment ServiceProcess::environment() const {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("HOME"), homeDir.path());
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome());
+    env.insert(QStringLiteral("XDG_STATE_HOME"), stateHome());
     env.remove(QStringLiteral("DISPLAY"));
     env.remove(QStringLiteral("WAYLAND_DISPLAY"));
     env.remove(QStringLiteral("QT_QPA_PLATFORM"));
@@ -50,7 +51,17 @@ bool ServiceProcess::gatewayAcceptsConnections() {
     return ok;
 }
 
+void ServiceProcess::killHard() {
+    if (process.state() == QProcess::NotRunning)
+        return;
+    process.kill();
+    process.waitForFinished(5000);
+}
+
 bool ServiceProcess::start(bool expectGateway, const QStringList &extraArguments) {
+    drain();
+    outBuffer.clear();
+    errBuffer.clear();
     process.setProcessEnvironment(environment());
     process.start(QStringLiteral(TERANOCOUNTER_BIN),
                   QStringList{QStringLiteral("--headless")} + extraArguments);

@@ -19,6 +19,8 @@ public:
     QString settingsFile() const {
         return configHome() + QStringLiteral("/teranocounter/teranocounter.conf");
     }
+    QString stateHome() const { return homeDir.path() + QStringLiteral("/.local/state"); }
+    QString pendingStoreFile() const { return stateHome() + QStringLiteral("/teranocounter/pending.sqlite"); }
 
     // Runs `teranocounter <arguments>` to completion (for --set and --settings).
     int runToEnd(const QStringList &arguments, QByteArray *out = nullptr, QByteArray *err = nullptr);
@@ -28,6 +30,9 @@ public:
     // (or, when `expectGateway` is false, until it has printed its first line).
     bool start(bool expectGateway = true, const QStringList &extraArguments = {});
     bool waitForExit(int timeoutMs);
+    // SIGKILL, as a crash or the OOM killer would end it; the next start() begins afresh
+    // with the same HOME.
+    void killHard();
     bool isRunning() const;
 
     QStringList stdoutLines();

@@ -1,0 +1,302 @@
+// Keeping what could not be delivered, as a shop that turns it on sees it: the real service
+// with HOLD_UNDELIVERED_ANSWERS and KITCHEN_RETRY_MINUTES, POS pages that reload, printers
+// that are switched off and on, and SIGKILL in between.
+#include "cp949.h"
+#include "fakeprinter.h"
+#include "faketerminal.h"
+#include "posclient.h"
+#include "servicefixture.h"
+#include "serviceprocess.h"
+#include "terminalframes.h"
+#include "wait.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QTcpServer>
+#include <QtTest>
+#include <sys/stat.h>
+
+namespace {
+
+const QString &recvFired = ServiceProcess::recvFired;
+const QString approval = QStringLiteral("승인 완료 4321");
+
+QStringList pending(ServiceProcess &service) {
+    QByteArray out;
+    service.runToEnd({"--pending"}, &out);
+    QStringList lines = QString::fromUtf8(out).split(u'\n');
+    lines.removeAll(QString());
+    return lines;
+}
+
+bool answerIsWaiting(ServiceProcess &service) {
+    return waitUntil([&] { return pending(service).join(u'\n').contains("answer waiting"); }, 8000);
+}
+
+const QStringList kisOnLoopback{"MAIN_INTERFACE=TCP", "TCP_IP=127.0.0.1"};
+const QString holdAnswers = QStringLiteral("HOLD_UNDELIVERED_ANSWERS=true");
+const QString retryFiveMinutes = QStringLiteral("KITCHEN_RETRY_MINUTES=5");
+
+// Writes the settings, then starts the service.
+bool startWith(ServiceProcess &service, const QStringList &settings) {
+    QStringList arguments;
+    for (const QString &setting : settings)
+        arguments << QStringLiteral("--set") << setting;
+    return service.runToEnd(arguments) == 0 && service.start();
+}
+
+// The service keeping kitchen orders for 5 minutes, and a POS page on it.
+bool startRetrying(ServiceProcess &service, PosClient &pos) {
+    return startWith(service, {retryFiveMinutes}) && pos.open(ServiceProcess::gatewayPort);
+}
+
+quint16 freePort() {
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost);
+    return probe.serverPort(); // free again once the probe goes
+}
+
+// The order texts the printer received, one per connection that brought any.
+QList<QByteArray> printed(const FakePrinter &printer) {
+    QList<QByteArray> jobs;
+    for (const auto &c : printer.connections())
+        if (!c.received.isEmpty())
+            jobs << c.received;
+    return jobs;
+}
+
+} // namespace
+
+class NothingLostTest : public QObject {
+    Q_OBJECT
+
+    // A KIS terminal whose customer takes 2 s: the POS page has gone by the time it answers.
+    void slowKis(FakeTerminal &kis) {
+        QVERIFY(kis.listen(5000));
+        kis.setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
+                       FakeTerminal::reply(kisResult(cp949::encode(approval).value()), 2000)});
+    }
+
+    void payThenLeave(ServiceProcess &service) {
+        PosClient leaving;
+        QVERIFY(leaving.open(ServiceProcess::gatewayPort));
+        leaving.send(terminalFrame("KIS", "\x02PAY\x03"));
+        QVERIFY(service.waitForStdoutLine(recvFired, 3000));
+        leaving.socket.close(); // the cashier reloads the page
+        QVERIFY(waitUntil([&] { return leaving.disconnected; }, 3000));
+    }
+
+private slots:
+    void init() { QVERIFY2(!ServiceProcess::gatewayAcceptsConnections(), "port 49999 is already in use"); }
+
+    void answerThatFoundNoPosReachesTheNextPosOnce() {
+        FakeTerminal kis;
+        slowKis(kis);
+        ServiceProcess service;
+        QVERIFY(startWith(service, kisOnLoopback + QStringList{holdAnswers}));
+        payThenLeave(service);
+        QVERIFY(answerIsWaiting(service));
+
+        PosClient reloaded;
+        QVERIFY(reloaded.open(ServiceProcess::gatewayPort));
+        QVERIFY(waitUntil([&] { return !reloaded.texts.isEmpty(); }, 3000));
+        keepRunningFor(500);
+        QCOMPARE(reloaded.texts.size(), 1);
+        QCOMPARE(jsonObject(reloaded.texts.first()), expectedAnswer(approval, "KIS7430"));
+
+        PosClient third;
+        QVERIFY(third.open(ServiceProcess::gatewayPort));
+        keepRunningFor(1000);
+        QCOMPARE(third.texts.size(), 0);
+        QCOMPARE(reloaded.texts.size(), 1);
+        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+        QCOMPARE(service.stderrLines(), QStringList());
+    }
+
+    void withoutTheSettingTheAnswerIsLostAsBefore() {
+        FakeTerminal kis;
+        slowKis(kis);
+        ServiceProcess service;
+        QVERIFY(startWith(service, kisOnLoopback));
+        payThenLeave(service);
+        QVERIFY(waitUntil([&] { return kis.closedCount() == 1; }, 5000)); // the answer came and went
+        PosClient reloaded;
+        QVERIFY(reloaded.open(ServiceProcess::gatewayPort));
+        keepRunningFor(1000);
+        QCOMPARE(reloaded.texts.size(), 0);
+        QVERIFY(!QFileInfo::exists(service.pendingStoreFile()));
+    }
+
+    void heldAnswerSurvivesSigkill() {
+        FakeTerminal kis;
+        slowKis(kis);
+        ServiceProcess service;
+        QVERIFY(startWith(service, kisOnLoopback + QStringList{holdAnswers}));
+        payThenLeave(service);
+        QVERIFY(answerIsWaiting(service));
+        service.killHard();
+        QVERIFY(service.start());
+        PosClient afterRestart;
+        QVERIFY(afterRestart.open(ServiceProcess::gatewayPort));
+        QVERIFY(waitUntil([&] { return !afterRestart.texts.isEmpty(); }, 3000));
+        keepRunningFor(500);
+        QCOMPARE(afterRestart.texts.size(), 1);
+        QCOMPARE(jsonObject(afterRestart.texts.first()), expectedAnswer(approval, "KIS7430"));
+    }
+
+    void orderReachesAPrinterThatComesBackAfterThreeSeconds() {
+        const quint16 port = freePort();
+        ServiceProcess service;
+        PosClient pos;
+        QVERIFY(startRetrying(service, pos));
+        pos.send(kitchenOrderFrame(QStringLiteral("김치찌개 2\n"), port));
+        QVERIFY(service.waitForStdoutLine(recvFired, 3000));
+        keepRunningFor(3000);
+        FakePrinter printer;
+        QVERIFY(printer.listen(port));
+        const qint64 upAt = printer.nowMs();
+        QVERIFY(waitUntil([&] { return printed(printer).size() == 1; }, 5000));
+        QVERIFY2(printer.connections().first().lastByteAtMs - upAt <= 5000,
+                 qPrintable(QString::number(printer.connections().first().lastByteAtMs - upAt)));
+        keepRunningFor(2500);
+        QCOMPARE(printed(printer), QList<QByteArray>{QByteArray::fromHex("b1e8c4a1c2eeb0b320320a")});
+        QCOMPARE(service.stdoutLines(), QStringList{recvFired}); // retries are quiet
+        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+    }
+
+    void threeOrdersArriveInTheOrderTheyCame() {
+        const quint16 port = freePort();
+        ServiceProcess service;
+        PosClient pos;
+        QVERIFY(startRetrying(service, pos));
+        for (const char *order : {"ORDER 1\n", "ORDER 2\n", "ORDER 3\n"})
+            pos.send(kitchenOrderFrame(QString::fromLatin1(order), port));
+        QVERIFY(service.waitForStdoutLineCount(3, 3000));
+        keepRunningFor(2000);
+        FakePrinter printer;
+        QVERIFY(printer.listen(port));
+        QVERIFY(waitUntil([&] { return printed(printer).size() == 3; }, 10000));
+        keepRunningFor(2500);
+        QCOMPARE(printed(printer), (QList<QByteArray>{"ORDER 1\n", "ORDER 2\n", "ORDER 3\n"}));
+    }
+
+    void orderKeptAcrossSigkillIsPrintedOnceAfterTheRestart() {
+        const quint16 port = freePort();
+        ServiceProcess service;
+        PosClient pos;
+        QVERIFY(startRetrying(service, pos));
+        pos.send(kitchenOrderFrame(QStringLiteral("불고기 1\n"), port));
+        QVERIFY(
+            waitUntil([&] { return pending(service).join(u'\n').contains("kitchen order waiting"); }, 5000));
+        service.killHard();
+        FakePrinter printer;
+        QVERIFY(printer.listen(port));
+        QElapsedTimer sinceStart;
+        sinceStart.start();
+        QVERIFY(service.start());
+        QVERIFY(waitUntil([&] { return printed(printer).size() == 1; }, 5000));
+        QVERIFY2(sinceStart.elapsed() <= 2500, qPrintable(QString::number(sinceStart.elapsed())));
+        keepRunningFor(2000);
+        QCOMPARE(printed(printer), QList<QByteArray>{cp949::encode(QStringLiteral("불고기 1\n")).value()});
+    }
+
+    void orderIsGivenUpWhenItsMinutesHavePassed() {
+        const quint16 port = freePort();
+        ServiceProcess service;
+        service.set("KITCHEN_RETRY_MINUTES", "1");
+        PosClient pos;
+        QVERIFY(startAndConnect(service, pos));
+        QElapsedTimer clock;
+        clock.start();
+        pos.send(kitchenOrderFrame(QStringLiteral("SECRET SOUP\n"), port));
+        QVERIFY(service.waitForStdoutLineCount(2, 75000));
+        const qint64 elapsed = clock.elapsed();
+        QVERIFY2(elapsed >= 59000 && elapsed <= 63000, qPrintable(QString::number(elapsed)));
+        keepRunningFor(500);
+        const QStringList lines = service.stdoutLines();
+        QCOMPARE(lines.size(), 2);
+        QVERIFY2(lines[1].contains(QStringLiteral("127.0.0.1:%1").arg(port)) && lines[1].contains("1 min"),
+                 qPrintable(lines[1]));
+        QVERIFY(!lines[1].contains("SECRET"));
+        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+    }
+
+    void storeIsPrivateToTheUser() {
+        const quint16 port = freePort();
+        ServiceProcess service;
+        PosClient pos;
+        QVERIFY(startRetrying(service, pos));
+        pos.send(kitchenOrderFrame(QStringLiteral("A\n"), port));
+        QVERIFY(waitUntil([&] { return QFileInfo::exists(service.pendingStoreFile()); }, 3000));
+        struct stat info {};
+        QCOMPARE(stat(QFile::encodeName(service.pendingStoreFile()).constData(), &info), 0);
+        QCOMPARE(info.st_mode & 0777, 0600u);
+    }
+
+    void storeThatCannotBeOpenedIsOneLineAndServiceGoesOnAsBefore() {
+        FakePrinter printer;
+        QVERIFY(printer.listen());
+        ServiceProcess service;
+        QVERIFY(QDir().mkpath(service.pendingStoreFile())); // a folder where the file should be
+        service.set("HOLD_UNDELIVERED_ANSWERS", "true");
+        PosClient pos;
+        QVERIFY(startRetrying(service, pos));
+        QVERIFY(service.waitForStdoutLineCount(1, 3000));
+        pos.send(kitchenOrderFrame(QStringLiteral("A\n"), printer.port()));
+        QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
+        QCOMPARE(printer.connections().first().received, QByteArray("A\n"));
+        const QStringList lines = service.stdoutLines();
+        QCOMPARE(lines.size(), 2);
+        QVERIFY2(lines[0].contains(service.pendingStoreFile()) && lines[0].contains("cannot be opened"),
+                 qPrintable(lines[0]));
+        QCOMPARE(lines[1], recvFired);
+        QVERIFY(service.isRunning());
+    }
+
+    void invalidRetrySettingIsNamedAtStartAndOrdersAreNotKept() {
+        const quint16 port = freePort();
+        ServiceProcess service;
+        service.set("KITCHEN_RETRY_MINUTES", "often");
+        PosClient pos;
+        QVERIFY(startAndConnect(service, pos));
+        QVERIFY(service.waitForStdoutLineCount(1, 3000));
+        QVERIFY2(service.stdoutLines().first().contains("KITCHEN_RETRY_MINUTES=often"),
+                 qPrintable(service.stdoutLines().first()));
+        pos.send(kitchenOrderFrame(QStringLiteral("A\n"), port));
+        QVERIFY(service.waitForStdoutLineCount(3, 3000)); // the marker and today's one-line error
+        QVERIFY(service.stdoutLines()[2].contains(QStringLiteral("127.0.0.1:%1").arg(port)));
+        QVERIFY(!QFileInfo::exists(service.pendingStoreFile()));
+    }
+
+    void pendingListsWhatWaitsWithoutItsContent() {
+        FakeTerminal kis;
+        slowKis(kis);
+        const quint16 port = freePort();
+        ServiceProcess service;
+        QVERIFY(startWith(service, kisOnLoopback + QStringList{holdAnswers, retryFiveMinutes}));
+        {
+            PosClient kitchen;
+            QVERIFY(kitchen.open(ServiceProcess::gatewayPort));
+            kitchen.send(kitchenOrderFrame(QStringLiteral("SECRET SOUP\n"), port));
+            QVERIFY(service.waitForStdoutLine(recvFired, 3000));
+        }
+        payThenLeave(service);
+        QVERIFY(answerIsWaiting(service));
+        const QStringList lines = pending(service);
+        QCOMPARE(lines.size(), 2);
+        QVERIFY2(lines[0].startsWith("answer waiting ") && lines[0].endsWith(" bytes"), qPrintable(lines[0]));
+        QVERIFY2(lines[1].startsWith("kitchen order waiting ") &&
+                     lines[1].contains(QStringLiteral("printer 127.0.0.1:%1").arg(port)),
+                 qPrintable(lines[1]));
+        const QString all = lines.join(u'\n');
+        QVERIFY(!all.contains("SECRET") && !all.contains(approval) && !all.contains("KIS7430"));
+
+        QByteArray out;
+        QCOMPARE(service.runToEnd({"--pending", "--clear"}, &out), 0);
+        QVERIFY(out.contains("removed 1 answers and 1 kitchen orders"));
+        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+    }
+};
+
+QTEST_GUILESS_MAIN(NothingLostTest)
+#include "tst_nothinglost.moc"
