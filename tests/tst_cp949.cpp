@@ -42,6 +42,13 @@ private slots:
         QVERIFY(!cp949::encode(QString(QChar(0xD800)))); // a lone surrogate is not text
     }
 
+    void charactersThatWouldBeDroppedSilentlyFailTheWholeText() {
+        // Tag characters would vanish on the way without a word: "A<tag A>B" is not "AB".
+        QVERIFY(!cp949::encode(QString::fromUcs4(U"A\U000E0041B")));
+        QVERIFY(!cp949::encode(QString::fromUcs4(U"\U000E0001")));
+        QVERIFY(!cp949::encode(QString::fromUcs4(U"\U000E007F")));
+    }
+
     void decodeIsStrict() {
         QCOMPARE(cp949::decode(QByteArray::fromHex("c7d1b1db")),
                  std::optional<QString>(QStringLiteral("한글")));

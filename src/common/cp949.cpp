@@ -49,7 +49,13 @@ std::optional<QByteArray> encode(const QString &text) {
         if (c.isSurrogate())
             return std::nullopt;
     }
-    return convert("CP949", "UTF-8", text.toUtf8());
+    const std::optional<QByteArray> bytes = convert("CP949", "UTF-8", text.toUtf8());
+    // glibc drops some characters without counting them as lost (the Unicode tag
+    // characters U+E0000..U+E007F, for one): only bytes that read back as the very same
+    // text are the text.
+    if (!bytes || convert("UTF-8", "CP949", *bytes) != text.toUtf8())
+        return std::nullopt;
+    return bytes;
 }
 
 std::optional<QString> decode(const QByteArray &bytes) {

@@ -59,7 +59,8 @@ void ServiceProcess::killHard() {
 }
 
 bool ServiceProcess::start(bool expectGateway, const QStringList &extraArguments) {
-    drain();
+    if (process.isOpen())
+        drain();
     outBuffer.clear();
     errBuffer.clear();
     process.setProcessEnvironment(environment());
