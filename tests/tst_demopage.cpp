@@ -1,0 +1,235 @@
+// examples/pos.html, the demo POS page we hand to POS developers, driven in headless
+// Chromium the way a person uses it (fields filled, buttons clicked) against the real
+// `teranocounter --headless` (MAIN_INTERFACE=TCP, TCP_IP=127.0.0.1), a fake kitchen printer
+// and a fake KIS terminal on 127.0.0.1:5000. What counts is what the devices receive and
+// what the page shows.
+#include "cp949.h"
+#include "fakeprinter.h"
+#include "faketerminal.h"
+#include "headlesschromium.h"
+#include "serviceprocess.h"
+#include "terminalframes.h"
+#include "wait.h"
+
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QtTest>
+
+namespace {
+
+const QString demoPage = QStringLiteral(DEMO_PAGE);
+const QString approval = QStringLiteral("승인 완료 1234");
+const QByteArray paymentFrame("\x02"
+                              "PAY\x03");
+
+// `text` as a JavaScript string literal (a JSON string is one).
+QString jsString(const QString &text) {
+    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(array.sliced(1, array.size() - 2));
+}
+
+} // namespace
+
+class DemoPageTest : public QObject {
+    Q_OBJECT
+
+    FakeTerminal kis;
+    FakePrinter printer;
+    ServiceProcess service;
+    HeadlessChromium browser;
+
+    // The KIS exchange of a payment: the ACK at once, the customer's approval 300 ms later.
+    void scriptPayment() {
+        kis.setScript({FakeTerminal::awaitBytes(paymentFrame.size()), FakeTerminal::reply("\x06"),
+                       FakeTerminal::reply(kisResult(cp949::encode(approval).value()), 300)});
+    }
+
+    // Says once why the page cannot be read, not on every poll of a wait.
+    std::optional<QJsonValue> evaluate(const QString &js) {
+        const std::optional<QJsonValue> value = browser.evaluate(js);
+        if (!value && browser.error() != lastWarning)
+            qWarning("%s", qPrintable(lastWarning = browser.error()));
+        return value;
+    }
+    QString lastWarning;
+
+    // Sets a field as typing or choosing would, and returns the value the field then holds
+    // (a <select> refuses a value it has no option for).
+    QString fill(const QString &id, const QString &value) {
+        const std::optional<QJsonValue> held = evaluate(
+            QStringLiteral(
+                "(() => { const field = document.getElementById(%1); field.value = %2;"
+                " field.dispatchEvent(new Event('input', { bubbles: true }));"
+                " field.dispatchEvent(new Event('change', { bubbles: true })); return field.value; })()")
+                .arg(jsString(id), jsString(value)));
+        return held ? held->toString() : QString();
+    }
+
+    bool click(const QString &id) {
+        return evaluate(QStringLiteral("document.getElementById(%1).click(), true").arg(jsString(id)))
+            .has_value();
+    }
+
+    QString valueOf(const QString &id) {
+        const std::optional<QJsonValue> value =
+            evaluate(QStringLiteral("document.getElementById(%1).value").arg(jsString(id)));
+        return value ? value->toString() : QString();
+    }
+
+    QString textOf(const QString &selector) {
+        const std::optional<QJsonValue> text = evaluate(
+            QStringLiteral("document.querySelector(%1)?.textContent ?? null").arg(jsString(selector)));
+        return text ? text->toString() : QString();
+    }
+
+    int answerCount() {
+        const std::optional<QJsonValue> count =
+            evaluate(QStringLiteral("document.getElementById('answers').childElementCount"));
+        return count ? count->toInt(-1) : -1;
+    }
+
+    // The raw JSON the page shows in its newest answer.
+    QJsonObject newestAnswer() {
+        return jsonObject(textOf(QStringLiteral("#answers > :first-child .answer-raw")));
+    }
+
+    QString diagnosis() {
+        return QStringLiteral("page state \"%1\", service stderr: %2")
+            .arg(textOf(QStringLiteral("#state")), service.stderrLines().join(u' '));
+    }
+
+private slots:
+    void initTestCase() {
+        QVERIFY2(QFileInfo::exists(demoPage), qPrintable(QStringLiteral("no demo page at ") + demoPage));
+        QVERIFY2(!ServiceProcess::gatewayAcceptsConnections(), "port 49999 is already in use");
+        QVERIFY2(kis.listen(5000), "cannot listen on 127.0.0.1:5000 for the fake KIS terminal");
+        scriptPayment();
+        QVERIFY2(printer.listen(), "cannot listen on loopback for the fake kitchen printer");
+
+        QCOMPARE(service.runToEnd({"--set", "MAIN_INTERFACE=TCP", "--set", "TCP_IP=127.0.0.1"}), 0);
+        QVERIFY2(service.start(), qPrintable(QStringLiteral("the service did not start: ") +
+                                             service.stderrLines().join(u' ')));
+
+        QVERIFY2(browser.start(QUrl::fromLocalFile(demoPage)),
+                 qPrintable(QStringLiteral("Chromium did not start: ") + browser.error()));
+        const bool open = waitUntil(
+            [&] {
+                const QString state = textOf(QStringLiteral("#state"));
+                return state == QLatin1String("open") || state.startsWith(QLatin1String("closed")) ||
+                       !browser.error().isEmpty();
+            },
+            10000);
+        QVERIFY2(open && textOf(QStringLiteral("#state")) == QLatin1String("open"),
+                 qPrintable(QStringLiteral("the page did not connect: ") + diagnosis()));
+        QCOMPARE(answerCount(), 0);
+    }
+
+    void kitchenOrderReachesThePrinterInCodePage949() {
+        const QString order = QStringLiteral("김치찌개 2\n");
+        QCOMPARE(fill(QStringLiteral("kitchen-ip"), QStringLiteral("127.0.0.1")),
+                 QStringLiteral("127.0.0.1"));
+        QCOMPARE(fill(QStringLiteral("kitchen-port"), QString::number(printer.port())),
+                 QString::number(printer.port()));
+        QCOMPARE(fill(QStringLiteral("kitchen-text"), order), order);
+        QVERIFY(click(QStringLiteral("kitchen-send")));
+
+        QVERIFY2(waitUntil([&] { return printer.closedCount() == 1; }, 5000),
+                 qPrintable(QStringLiteral("the printer got no complete order; page says \"%1\"; %2")
+                                .arg(textOf(QStringLiteral("#kitchen-status")), diagnosis())));
+        QCOMPARE(printer.connections().size(), 1);
+        QCOMPARE(printer.connections().first().received, cp949::encode(order).value());
+    }
+
+    void paymentReachesKisAndItsAnswerIsListed() {
+        QCOMPARE(fill(QStringLiteral("pay-van"), QStringLiteral("KIS")), QStringLiteral("KIS"));
+        QCOMPARE(valueOf(QStringLiteral("pay-type")), QStringLiteral("payment")); // as the page opens
+        QCOMPARE(fill(QStringLiteral("pay-format"), QStringLiteral("hex")), QStringLiteral("hex"));
+        QCOMPARE(fill(QStringLiteral("pay-bytes"), QStringLiteral("02 50 41 59 03")),
+                 QStringLiteral("02 50 41 59 03"));
+        QVERIFY(click(QStringLiteral("pay-send")));
+
+        QVERIFY2(
+            waitUntil([&] { return answerCount() != 0; }, 10000),
+            qPrintable(QStringLiteral("no answer on the page; page says \"%1\"; KIS got %2 connection(s); %3")
+                           .arg(textOf(QStringLiteral("#pay-status")))
+                           .arg(kis.connections().size())
+                           .arg(diagnosis())));
+        QCOMPARE(kis.connections().size(), 1);
+        QCOMPARE(kis.connections().first().received, paymentFrame);
+
+        const QString shown = textOf(QStringLiteral("#answers > :first-child"));
+        QVERIFY2(shown.contains(approval), qPrintable(shown));
+        QVERIFY2(shown.contains(QLatin1String("KIS7430")), qPrintable(shown));
+        QCOMPARE(newestAnswer(), expectedAnswer(approval, QStringLiteral("KIS7430")));
+        keepRunningFor(300); // a second answer to one payment would be a defect: give it time to show
+        QCOMPARE(answerCount(), 1);
+    }
+
+    void slipPrintReachesKisInCodePage949() {
+        const QString slip = QStringLiteral("영수증 재출력\n합계 12,000원\n");
+        const QByteArray expected = cp949::encode(slip).value();
+        // A print job ends with the terminal's first reply; an ACK gives the POS nothing.
+        kis.setScript({FakeTerminal::awaitBytes(expected.size()), FakeTerminal::reply("\x06")});
+        QCOMPARE(fill(QStringLiteral("print-van"), QStringLiteral("KIS")), QStringLiteral("KIS"));
+        QCOMPARE(fill(QStringLiteral("print-text"), slip), slip);
+        QVERIFY(click(QStringLiteral("print-send")));
+
+        QVERIFY2(
+            waitUntil([&] { return kis.closedCount() == 2; }, 5000),
+            qPrintable(QStringLiteral(
+                           "the slip exchange did not end; page says \"%1\"; KIS got %2 connection(s); %3")
+                           .arg(textOf(QStringLiteral("#print-status")))
+                           .arg(kis.connections().size())
+                           .arg(diagnosis())));
+        QCOMPARE(kis.connections().at(1).received, expected);
+        QCOMPARE(answerCount(), 1);
+    }
+
+    // The service stops on a raw non-ASCII character in a frame: Hangul typed into a string
+    // field must leave the page as \u escapes and reach the service as the same Hangul.
+    void hangulRequestTypeTravelsAsEscapes() {
+        scriptPayment();
+        QCOMPARE(fill(QStringLiteral("pay-type"), QStringLiteral("결제")), QStringLiteral("결제"));
+        QVERIFY(click(QStringLiteral("pay-send")));
+
+        QVERIFY2(waitUntil([&] { return answerCount() == 2; }, 10000),
+                 qPrintable(QStringLiteral("no second answer; page says \"%1\"; %2")
+                                .arg(textOf(QStringLiteral("#pay-status")), diagnosis())));
+        QVERIFY2(
+            textOf(QStringLiteral("#pay-status")).contains(QLatin1String(R"("requesttype":"\uacb0\uc81c")")),
+            qPrintable(textOf(QStringLiteral("#pay-status"))));
+        QVERIFY(
+            service.stdoutLines().contains(QStringLiteral(R"(TCP request: requesttype "결제", van "KIS")")));
+        QCOMPARE(kis.connections().size(), 3);
+        QCOMPARE(kis.connections().at(2).received, paymentFrame);
+        QCOMPARE(newestAnswer(), expectedAnswer(approval, QStringLiteral("KIS7430")));
+    }
+
+    // An emoji has no code page 949 form and would stop the service once the printer is
+    // reached; the page refuses the order and says why instead.
+    void kitchenOrderCodePage949LacksIsRefusedByThePage() {
+        QCOMPARE(fill(QStringLiteral("kitchen-text"), QStringLiteral("김치찌개 🍲\n")),
+                 QStringLiteral("김치찌개 🍲\n"));
+        QVERIFY(click(QStringLiteral("kitchen-send")));
+        const QString status = textOf(QStringLiteral("#kitchen-status"));
+        QVERIFY2(status.contains(QStringLiteral("🍲")), qPrintable(status));
+        keepRunningFor(1500); // the printer would be reached well within this
+        QCOMPARE(printer.connections().size(), 1);
+    }
+
+    void serviceKeptRunning() {
+        QVERIFY2(service.isRunning(),
+                 qPrintable(QStringLiteral("the service stopped: ") + service.stderrLines().join(u' ')));
+        QVERIFY2(service.stderrLines().filter(QStringLiteral("fatal")).isEmpty(),
+                 qPrintable(service.stderrLines().join(u' ')));
+        QCOMPARE(textOf(QStringLiteral("#state")), QStringLiteral("open"));
+        QCOMPARE(service.stdoutLines().count(ServiceProcess::recvFired), 4);
+    }
+
+    void cleanupTestCase() { QVERIFY2(browser.close(), qPrintable(browser.error())); }
+};
+
+QTEST_GUILESS_MAIN(DemoPageTest)
+#include "tst_demopage.moc"
