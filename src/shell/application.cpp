@@ -2,6 +2,7 @@
 
 #include "commandline.h"
 #include "gatewaypage.h"
+#include "usbpage.h"
 #include "userdefaults.h"
 
 #include <QApplication>
@@ -89,8 +90,9 @@ int runTeranoCounter(int argc, char **argv) {
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
 
-    // The gateway page is created but never shown when there is no tray to show it from;
-    // loading it starts the POS server either way.
+    // The pages are created but never shown when there is no tray to show them from;
+    // loading them starts the POS server and opens the stored serial port either way.
     GatewayPage gatewayPage;
+    UsbPage usbPage;
     return QApplication::exec();
 }
