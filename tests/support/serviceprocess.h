@@ -29,6 +29,7 @@ public:
     bool start(bool expectGateway = true, const QStringList &extraArguments = {});
     bool waitForExit(int timeoutMs);
     bool isRunning() const;
+    qint64 pid() const { return process.processId(); }
 
     QStringList stdoutLines();
     QStringList stderrLines();
