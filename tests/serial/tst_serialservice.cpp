@@ -115,7 +115,13 @@ private slots:
     void firstStartWritesTheSerialDefaultsButNoInterface() {
         ServiceProcess service;
         QVERIFY(service.start());
-        QVERIFY(waitUntil([&] { return QFile::exists(service.settingsFile()); }, 5000));
+        // The gateway is up before the USB page has loaded: wait for its last write.
+        QVERIFY(waitUntil(
+            [&] {
+                QFile file(service.settingsFile());
+                return file.open(QIODevice::ReadOnly) && file.readAll().contains("SERIAL_DEVICE_TYPE");
+            },
+            5000));
         QByteArray out;
         QCOMPARE(service.runToEnd({QStringLiteral("--settings")}, &out), 0);
         QCOMPARE(QString::fromUtf8(out).split(u'\n', Qt::SkipEmptyParts),
