@@ -208,6 +208,10 @@ void SerialPortManager::portVanished(SerialPort *raw) {
     emit serialPortsWereDisconnected({port});
     systemChanged = true;
     scheduleRescan();
+    // We are inside the port's own notification: it may be the last reference, so let go
+    // of it only once the event loop has left the port.
+    QMetaObject::invokeMethod(
+        this, [port] {}, Qt::QueuedConnection);
 }
 
 void SerialPortManager::scheduleRescan() {
