@@ -112,6 +112,18 @@ private slots:
         QTest::newRow("payment with no interface set") << R"({"requesttype":"payment","data":[1]})"
                                                        << ""
                                                        << "MAIN_INTERFACE";
+        // The USB channel insists on a text "requesttype", and a "msg" request must carry a
+        // "msg", which is not among the five keys routing passes on from the POS.
+        QTest::newRow("USB: requesttype a number") << R"({"requesttype":5,"data":[1]})"
+                                                   << "USB"
+                                                   << "requesttype";
+        QTest::newRow("USB: requesttype null") << R"({"requesttype":null,"data":[1]})"
+                                               << "USB"
+                                               << "requesttype";
+        QTest::newRow("USB: msg request from the POS")
+            << R"({"requesttype":"msg","msg":"deselect","data":[]})"
+            << "USB"
+            << "msg";
         QTest::newRow("kitchen: ip missing") << R"({"requesttype":"kitchenPrint","data":[65],"port":PRINTER})"
                                              << ""
                                              << "ip";
@@ -202,14 +214,16 @@ private slots:
         QTest::newRow("extra keys")
             << R"({"requesttype":"kitchenPrint","data":[65],"ip":"127.0.0.1","port":PRINTER,"van":"KIS","x":[1,{"y":null}]})"
             << "";
-        QTest::newRow("USB with no channel") << R"({"requesttype":"print","data":[1]})"
-                                             << "USB";
+        QTest::newRow("USB with no port") << R"({"requesttype":"print","data":[1]})"
+                                          << "USB";
+        QTest::newRow("USB print, not UTF-8, no port") << R"({"requesttype":"print","data":[255,254]})"
+                                                       << "USB";
         QTest::newRow("TCP with no channel") << R"({"requesttype":"print","data":[1]})"
                                              << "TCP";
         QTest::newRow("unknown interface") << R"({"requesttype":"print","data":[1]})"
                                            << "BT";
         QTest::newRow("requesttype number") << R"({"requesttype":5,"data":[1]})"
-                                            << "USB";
+                                            << "TCP";
     }
     void wellFormedRequestsDoNotStop() {
         QFETCH(QString, frame);

@@ -210,6 +210,27 @@ private slots:
         QVERIFY(!a.texts.first().contains(u'\n')); // compact
     }
 
+    void responseKeysComeAnswerFirst() {
+        PosClient a;
+        QVERIFY(a.open(port));
+        a.send(usbPrint());
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
+                                                 QVariantMap{{"devicename", "TS-132N"},
+                                                             {"devicetype", "CAT"},
+                                                             {"response", QVariantMap{{"data", "ABC"}}}});
+        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
+                                                 QVariantMap{{"zeta", 1},
+                                                             {"devicename", QStringLiteral("김")},
+                                                             {"alpha", true},
+                                                             {"response", QVariantMap{{"data", "x"}}}});
+        QVERIFY(waitUntil([&] { return a.texts.size() == 2; }, 3000));
+        QCOMPARE(a.texts[0],
+                 QStringLiteral(R"({"response":{"data":"ABC"},"devicetype":"CAT","devicename":"TS-132N"})"));
+        QCOMPARE(a.texts[1],
+                 QStringLiteral(R"({"response":{"data":"x"},"devicename":"김","alpha":true,"zeta":1})"));
+    }
+
     void responseFromAnotherThreadReachesThePos() {
         PosClient a;
         QVERIFY(a.open(port));

@@ -69,6 +69,34 @@ std::optional<QJsonValue> toJson(const QVariant &value) {
     }
 }
 
+// One JSON value as compact text.
+QString compactText(const QJsonValue &value) {
+    const QByteArray wrapped = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(wrapped.mid(1, wrapped.size() - 2));
+}
+
+// A response as the POS has always read it: the answer first, then what answered it
+// ({"response":...,"devicetype":...,"devicename":...}), any other keys after those in
+// sorted order. QJsonObject alone would sort all the keys and put "response" last.
+QString responseText(const QVariantMap &response, const QJsonObject &json) {
+    static const QStringList leading{QStringLiteral("response"), QStringLiteral("devicetype"),
+                                     QStringLiteral("devicename")};
+    QStringList keys;
+    for (const QString &key : leading)
+        if (response.contains(key))
+            keys << key;
+    for (const QString &key : response.keys())
+        if (!leading.contains(key))
+            keys << key;
+    QString text = QStringLiteral("{");
+    for (const QString &key : keys) {
+        if (text.size() > 1)
+            text += u',';
+        text += compactText(key) + u':' + compactText(json.value(key));
+    }
+    return text + u'}';
+}
+
 } // namespace
 
 WebSocketViewController::WebSocketViewController(quint16 port, QObject *parent)
@@ -144,7 +172,7 @@ void WebSocketViewController::notificationHandler(const QVariant &object) {
     const std::optional<QJsonValue> json = toJson(object);
     if (!json)
         fatalStop(QStringLiteral("a response for the POS cannot be written as JSON"));
-    const QString text = QString::fromUtf8(QJsonDocument(json->toObject()).toJson(QJsonDocument::Compact));
+    const QString text = responseText(object.toMap(), json->toObject());
 
     // The response goes to the session held when it was posted, even if another POS
     // takes over before the write runs.

@@ -5,6 +5,7 @@
 #include "kitchenretryqueue.h"
 #include "pendingstore.h"
 #include "tcppage.h"
+#include "usbpage.h"
 #include "userdefaults.h"
 
 #include <QApplication>
@@ -136,12 +137,13 @@ int runTeranoCounter(int argc, char **argv) {
     QApplication::setQuitOnLastWindowClosed(false);
 
     // The pages are created but never shown when there is no tray to show them from;
-    // loading them starts the POS server and the terminal answer listeners either way, in
-    // the order the popover loads them.
+    // loading them starts the POS server, the terminal answer listeners and the stored
+    // serial port either way, in the order the popover loads them.
     GatewayPage gatewayPage;
     TcpPage tcpPage;
     tcpPage.load();
     tcpPage.appear();
+    UsbPage usbPage;
     // Kitchen orders an earlier run kept (KITCHEN_RETRY_MINUTES) go out again at once.
     KitchenRetryQueue::instance().resumeAtStart();
     return QApplication::exec();

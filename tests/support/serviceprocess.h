@@ -34,6 +34,7 @@ public:
     // with the same HOME.
     void killHard();
     bool isRunning() const;
+    qint64 pid() const { return process.processId(); }
 
     QStringList stdoutLines();
     QStringList stderrLines();

@@ -1,0 +1,67 @@
+#include "usbpage.h"
+
+#include "serialportmanager.h"
+#include "usbviewcontroller.h"
+
+#include <QComboBox>
+#include <QFormLayout>
+#include <QFrame>
+#include <QPushButton>
+#include <QShowEvent>
+#include <QVBoxLayout>
+
+UsbPage::UsbPage(QWidget *parent) : UsbPage(SerialPortManager::sharedSerialPortManager(), parent) {}
+
+UsbPage::UsbPage(SerialPortManager &manager, QWidget *parent)
+    : QWidget(parent), frame(new QFrame(this)), title(new ClickableLabel(QStringLiteral("USB"), this)),
+      portBox(new QComboBox(frame)), baudBox(new QComboBox(frame)), deviceTypeBox(new QComboBox(frame)),
+      testButton(new QPushButton(QStringLiteral("연결 테스트"), frame)), titleOutlet(title),
+      portOutlet(portBox), baudOutlet(baudBox), deviceTypeOutlet(deviceTypeBox), testButtonOutlet(testButton),
+      viewController(std::make_unique<USBViewController>(manager)) {
+    title->setAlignment(Qt::AlignCenter);
+    title->setMargin(4);
+    frame->setFrameShape(QFrame::StyledPanel);
+    // The model popup's items are the controller's models in its order: the stored
+    // model is selected by its position.
+    deviceTypeBox->addItems(viewController->availableDeviceType);
+
+    auto *form = new QFormLayout(frame);
+    form->addRow(QStringLiteral("포트"), portBox);
+    form->addRow(QStringLiteral("속도"), baudBox);
+    form->addRow(QStringLiteral("단말기"), deviceTypeBox);
+    form->addRow(testButton);
+    auto *layout = new QVBoxLayout(this);
+    layout->addWidget(title);
+    layout->addWidget(frame);
+
+    USBViewController &c = *viewController;
+    c.portPopupButton = &portOutlet;
+    c.baudPopupButton = &baudOutlet;
+    c.titleLabel = &titleOutlet;
+    c.container = frame;
+    c.connectionTestButton = &testButtonOutlet;
+    c.deviceTypePopupButton = &deviceTypeOutlet;
+
+    // Until USB is chosen the section looks and acts like the inactive interface.
+    titleOutlet.setTextColor(PageColor::selectedBlue);
+    titleOutlet.setBackgroundColor(PageColor::deselectedGrey);
+    for (ControlOutlet *control : std::initializer_list<ControlOutlet *>{
+             &portOutlet, &baudOutlet, &testButtonOutlet, &deviceTypeOutlet})
+        control->setEnabled(false);
+
+    connect(title, &ClickableLabel::clicked, &c, &USBViewController::titleLabelClickedWithSender);
+    connect(portBox, &QComboBox::activated, &c, &USBViewController::portChanged);
+    connect(baudBox, &QComboBox::activated, &c, &USBViewController::baudrateChanged);
+    connect(deviceTypeBox, &QComboBox::activated, &c, &USBViewController::deviceTypeChanged);
+    connect(testButton, &QPushButton::clicked, &c, &USBViewController::connectionTestClicked);
+
+    c.viewDidLoad();
+}
+
+UsbPage::~UsbPage() = default;
+
+void UsbPage::showEvent(QShowEvent *event) {
+    QWidget::showEvent(event);
+    if (!event->spontaneous())
+        viewController->viewDidAppear();
+}

@@ -1,0 +1,88 @@
+#include "serialanswerframing.h"
+
+#include "cp949.h"
+#include "fatal.h"
+#include "notificationcenter.h"
+#include "notificationnames.h"
+#include "textform.h"
+#include "userdefaults.h"
+
+namespace {
+
+const QString mainInterfaceKey = QStringLiteral("MAIN_INTERFACE");
+const QString deviceTypeKey = QStringLiteral("SERIAL_DEVICE_TYPE");
+
+} // namespace
+
+SerialAnswerFraming::Trim SerialAnswerFraming::trimFor(const QString &deviceType) {
+    // KIS-7430 frames carry a shorter header and no trailer before the ETX; every other
+    // model, known or not, is cut like the TS-132N.
+    if (deviceType == QLatin1String("KIS-7430"))
+        return {3, 1};
+    return {5, 3};
+}
+
+SerialAnswerFraming::SerialAnswerFraming(SettingReader reader) : readSetting(std::move(reader)) {
+    if (!readSetting)
+        readSetting = [](const QString &key) { return UserDefaults::standard().value(key); };
+}
+
+QString SerialAnswerFraming::requiredSetting(const QString &key) const {
+    const std::optional<QVariant> value = readSetting(key);
+    if (!value)
+        fatalStop(QStringLiteral("%1 is not set, but a serial answer needs it").arg(key));
+    return textualForm(*value);
+}
+
+void SerialAnswerFraming::didReceiveData(const QByteArray &chunk) {
+    const QString mainInterface = requiredSetting(mainInterfaceKey);
+    std::optional<QString> deviceName;
+    const Result result = receive(chunk, mainInterface, [&] {
+        deviceName = requiredSetting(deviceTypeKey);
+        return *deviceName;
+    });
+    if (result.outcome == Outcome::Answered)
+        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
+                                                 responseFor(result.text, deviceName.value_or(QString())));
+}
+
+SerialAnswerFraming::Result SerialAnswerFraming::receive(const QByteArray &chunk,
+                                                         const QString &mainInterface,
+                                                         const std::function<QString()> &deviceType) {
+    // Bytes that come while TCP is active belong to nobody: they do not even touch an
+    // answer that was being collected.
+    if (mainInterface != QLatin1String("USB"))
+        return {Outcome::Ignored, {}};
+    if (chunk.isEmpty())
+        return {Outcome::Collecting, {}};
+
+    if (chunk.front() == startOfText)
+        buffer.clear();
+    buffer.append(chunk);
+
+    // The model decides the cut; it is read for every chunk with bytes in it, so a
+    // missing setting stops the service at the first byte, not only at an ETX.
+    const QString model = deviceType();
+    if (!chunk.contains(endOfText))
+        return {Outcome::Collecting, {}};
+
+    // The whole chunk is already in the buffer: whatever followed the first ETX in it
+    // goes with the answer.
+    if (buffer.size() < minimumAnswerLength) {
+        buffer.clear();
+        return {Outcome::TooShort, {}};
+    }
+    const Trim trim = trimFor(model);
+    const QByteArray payload = buffer.mid(trim.front, buffer.size() - trim.front - trim.end);
+    buffer.clear();
+    const std::optional<QString> text = cp949::decode(payload);
+    if (!text)
+        return {Outcome::Undecodable, {}};
+    return {Outcome::Answered, *text};
+}
+
+QVariantMap SerialAnswerFraming::responseFor(const QString &text, const QString &deviceName) {
+    return {{QStringLiteral("response"), QVariantMap{{QStringLiteral("data"), text}}},
+            {QStringLiteral("devicetype"), QStringLiteral("CAT")},
+            {QStringLiteral("devicename"), deviceName}};
+}

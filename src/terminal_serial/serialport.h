@@ -1,0 +1,65 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QSerialPort>
+#include <QString>
+
+class SerialPort;
+
+// Who hears from an open port: its bytes, its errors, and its device going away.
+class SerialPortDelegate {
+public:
+    virtual ~SerialPortDelegate() = default;
+    virtual void serialPortWasRemovedFromSystem(SerialPort &port) = 0;
+    virtual void serialPortDidReceiveData(SerialPort &port, const QByteArray &data) = 0;
+    virtual void serialPortDidEncounterError(SerialPort &port, QSerialPort::SerialPortError error) = 0;
+};
+
+// One serial device as the port list shows it. The manager keeps one object per device
+// for as long as the device is present, so closing and reopening it keeps its baud rate;
+// a device that comes back after an unplug is a new object with the line's defaults.
+// Only the baud rate is ever set; data bits, parity, stop bits and flow control stay at
+// 8N1 without flow control, which is what the supported terminals speak.
+class SerialPort : public QObject {
+    Q_OBJECT
+public:
+    SerialPort(const QString &path, const QString &description);
+    ~SerialPort() override;
+
+    // The device path that is opened, and the stable name the user's choice is stored as.
+    const QString &path() const { return devicePath; }
+    const QString &description() const { return stableName; }
+
+    bool open();
+    void close();
+    bool isOpen() const;
+    bool setBaudRate(qint32 rate);
+    qint32 baudRate() const;
+    // Queues the bytes for the line; false when the port is not open.
+    bool sendData(const QByteArray &data);
+
+    SerialPortDelegate *delegate() const { return portDelegate; }
+    void setDelegate(SerialPortDelegate *delegate) { portDelegate = delegate; }
+
+    // The device is gone: the port is closed and its delegate told, once.
+    void wasRemovedFromSystem();
+    bool isRemoved() const { return removed; }
+
+signals:
+    void didOpen();
+    void didClose();
+    // The open device failed in a way that means it is no longer there (a pulled cable
+    // makes reads fail, again and again); the port has already stopped reading.
+    void deviceVanished();
+
+private:
+    void lineFailed(QSerialPort::SerialPortError error);
+
+    QString devicePath;
+    QString stableName;
+    QSerialPort line;
+    SerialPortDelegate *portDelegate = nullptr;
+    bool removed = false;
+    bool failed = false; // a vanishing error was seen since the last open
+};

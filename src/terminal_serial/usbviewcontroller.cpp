@@ -1,0 +1,282 @@
+#include "usbviewcontroller.h"
+
+#include "cp949.h"
+#include "fatal.h"
+#include "notificationnames.h"
+#include "textform.h"
+#include "userdefaults.h"
+
+
+namespace {
+
+const QString usbPortKey = QStringLiteral("USB_PORT");
+const QString baudRateKey = QStringLiteral("BAUD_RATE");
+const QString deviceTypeKey = QStringLiteral("SERIAL_DEVICE_TYPE");
+const QString mainInterfaceKey = QStringLiteral("MAIN_INTERFACE");
+constexpr int defaultBaudRate = 9600;
+
+std::optional<QString> storedText(const QString &key) {
+    const std::optional<QVariant> value = UserDefaults::standard().value(key);
+    if (!value)
+        return std::nullopt;
+    return textualForm(*value);
+}
+
+// The bytes of a request's "data"; routing always puts a byte buffer there, so anything
+// else means the request did not come the way requests come.
+QByteArray requiredBytes(const QVariantMap &request) {
+    const auto data = request.constFind(QStringLiteral("data"));
+    if (data == request.constEnd())
+        fatalStop(QStringLiteral("a USB terminal request has no \"data\""));
+    if (data->typeId() != QMetaType::QByteArray)
+        fatalStop(QStringLiteral("the \"data\" of a USB terminal request is not bytes"));
+    return data->toByteArray();
+}
+
+} // namespace
+
+USBViewController::USBViewController(SerialPortManager &manager, QObject *parent)
+    : QObject(parent), serialPortManager(manager) {}
+
+USBViewController::~USBViewController() {
+    if (requestObserver)
+        NotificationCenter::defaultCenter().removeObserver(requestObserver);
+    // The manager keeps the port; it must not keep calling a controller that is gone.
+    setSerialPort(nullptr);
+}
+
+void USBViewController::setSerialPort(std::shared_ptr<SerialPort> newPort) {
+    const std::shared_ptr<SerialPort> old = std::exchange(port, std::move(newPort));
+    if (old) {
+        old->close();
+        old->setDelegate(nullptr);
+    }
+    if (port)
+        port->setDelegate(this);
+}
+
+void USBViewController::viewDidLoad() {
+    loadPortList();
+    loadBaudList();
+
+    connect(&serialPortManager, &SerialPortManager::serialPortsWereConnected, this,
+            &USBViewController::serialPortsWereConnected);
+    connect(&serialPortManager, &SerialPortManager::serialPortsWereDisconnected, this,
+            &USBViewController::serialPortsWereDisconnected);
+    requestObserver = NotificationCenter::defaultCenter().addObserver(
+        NotificationName::USBcontrol, nullptr,
+        [this](const QVariant &object) { notificationHandler(object); });
+
+    const std::optional<QString> deviceType = storedText(deviceTypeKey);
+    if (!deviceType) {
+        UserDefaults::standard().setValue(deviceTypeKey, availableDeviceType.first());
+    } else {
+        const qsizetype index = availableDeviceType.indexOf(*deviceType);
+        if (index >= 0 && deviceTypePopupButton)
+            deviceTypePopupButton->selectItemAtIndex(static_cast<int>(index));
+    }
+}
+
+void USBViewController::viewDidAppear() {
+    if (storedText(mainInterfaceKey) == QLatin1String("USB")) {
+        showSelected();
+        selectUsb();
+    }
+}
+
+void USBViewController::loadPortList() {
+    const SerialPortList ports = serialPortManager.availablePorts();
+    QStringList names;
+    for (const auto &p : ports)
+        names << p->description();
+    if (portPopupButton) {
+        portPopupButton->removeAllItems();
+        portPopupButton->addItemsWithTitles(names);
+    }
+
+    // The stored port is opened whenever it is listed: at start, and every time the list
+    // changes, which is what brings a replugged terminal back by itself.
+    const std::optional<QString> stored = storedText(usbPortKey);
+    if (!stored)
+        return;
+    const qsizetype index = names.indexOf(*stored);
+    if (index < 0)
+        return;
+    qsizetype selected = index;
+    if (portPopupButton) {
+        portPopupButton->selectItemAtIndex(static_cast<int>(index));
+        selected = portPopupButton->indexOfSelectedItem();
+    }
+    if (selected < 0 || selected >= ports.size())
+        fatalStop(QStringLiteral("the port list and its popup disagree"));
+    setSerialPort(ports.at(selected));
+    port->open();
+}
+
+void USBViewController::loadBaudList() {
+    if (baudPopupButton) {
+        baudPopupButton->removeAllItems();
+        baudPopupButton->addItemsWithTitles(availableBaudRates);
+    }
+    const std::optional<QString> stored = storedText(baudRateKey);
+    if (!stored) {
+        // Nothing is selected or set: the line keeps its default rate, which is this one.
+        UserDefaults::standard().setValue(baudRateKey, defaultBaudRate);
+        return;
+    }
+    const qsizetype index = availableBaudRates.indexOf(*stored);
+    if (index < 0)
+        return;
+    if (baudPopupButton)
+        baudPopupButton->selectItemAtIndex(static_cast<int>(index));
+    if (port)
+        port->setBaudRate(baudFromTitle(availableBaudRates.at(index)));
+}
+
+qint32 USBViewController::baudFromTitle(const QString &title) const {
+    const std::optional<qint32> rate = parseInt32(title);
+    if (!rate)
+        fatalStop(QStringLiteral("the baud rate \"%1\" is not a number").arg(title));
+    return *rate;
+}
+
+void USBViewController::portChanged() {
+    const SerialPortList ports = serialPortManager.availablePorts();
+    const int index = portPopupButton ? portPopupButton->indexOfSelectedItem() : -1;
+    if (index < 0 || index >= ports.size())
+        fatalStop(QStringLiteral("the chosen serial port is no longer in the list"));
+    setSerialPort(ports.at(index));
+    UserDefaults::standard().setValue(usbPortKey, port->description());
+    port->open();
+    port->setBaudRate(baudFromTitle(baudPopupButton ? baudPopupButton->titleOfSelectedItem() : QString()));
+}
+
+void USBViewController::baudrateChanged() {
+    const QString title = baudPopupButton ? baudPopupButton->titleOfSelectedItem() : QString();
+    UserDefaults::standard().setValue(baudRateKey, title);
+    // The open port takes the new rate as it is, without being reopened.
+    if (port)
+        port->setBaudRate(baudFromTitle(title));
+}
+
+void USBViewController::deviceTypeChanged() {
+    // Read again for every answer, so the next one is cut the new model's way.
+    UserDefaults::standard().setValue(
+        deviceTypeKey, deviceTypePopupButton ? deviceTypePopupButton->titleOfSelectedItem() : QString());
+}
+
+void USBViewController::titleLabelClickedWithSender() {
+    showSelected();
+    selectUsb();
+}
+
+void USBViewController::selectUsb() {
+    UserDefaults::standard().setValue(mainInterfaceKey, QStringLiteral("USB"));
+    // The TCP page steps back. Sent every time, also when USB was already the one.
+    NotificationCenter::defaultCenter().post(NotificationName::TCPcontrol,
+                                             QVariantMap{{QStringLiteral("msg"), QStringLiteral("deselect")},
+                                                         {QStringLiteral("van"), QStringLiteral("")}});
+    setControlsEnabled(true);
+}
+
+void USBViewController::showSelected() {
+    if (!titleLabel)
+        return;
+    titleLabel->setBackgroundColor(PageColor::selectedBlue);
+    titleLabel->setTextColor(PageColor::white);
+}
+
+void USBViewController::showDeselected() {
+    if (titleLabel) {
+        titleLabel->setTextColor(PageColor::selectedBlue);
+        titleLabel->setBackgroundColor(PageColor::deselectedGrey);
+    }
+    setControlsEnabled(false);
+}
+
+void USBViewController::setControlsEnabled(bool enabled) {
+    for (ControlOutlet *control : std::initializer_list<ControlOutlet *>{
+             portPopupButton, baudPopupButton, connectionTestButton, deviceTypePopupButton})
+        if (control)
+            control->setEnabled(enabled);
+}
+
+void USBViewController::connectionTestClicked() {
+    std::optional<QByteArray> bytes = cp949::encode(testPrintText);
+    if (!bytes)
+        fatalStop(QStringLiteral("the test print text has no code page 949 form"));
+    // ESC i and a line feed: cut the slip.
+    bytes->append("\x1b\x69\x0a", 3);
+    if (port)
+        port->sendData(*bytes);
+}
+
+void USBViewController::notificationHandler(const QVariant &object) {
+    if (object.typeId() != QMetaType::QVariantMap)
+        fatalStop(QStringLiteral("a USBcontrol notification carries no dictionary"));
+    const QVariantMap request = object.toMap();
+    const auto requestType = request.constFind(QStringLiteral("requesttype"));
+    if (requestType == request.constEnd())
+        fatalStop(QStringLiteral("a USB terminal request has no \"requesttype\""));
+    if (requestType->typeId() != QMetaType::QString)
+        fatalStop(QStringLiteral("the \"requesttype\" of a USB terminal request is not text"));
+    const QString type = requestType->toString();
+
+    if (type == QLatin1String("msg")) {
+        const auto message = request.constFind(QStringLiteral("msg"));
+        if (message == request.constEnd())
+            fatalStop(QStringLiteral("a USB control message has no \"msg\""));
+        // The TCP page became the active one. The settings are its to write; only the
+        // look and the controls change here.
+        if (textualForm(*message) == QLatin1String("deselect"))
+            showDeselected();
+        return;
+    }
+
+    if (type == QLatin1String("print")) {
+        const QByteArray data = requiredBytes(request);
+        if (!port)
+            return;
+        const std::optional<QString> text = strictUtf8(data);
+        if (!text)
+            fatalStop(QStringLiteral("the text of a USB print request is not UTF-8"));
+        const std::optional<QByteArray> bytes = cp949::encode(*text);
+        if (!bytes)
+            fatalStop(QStringLiteral("the text of a USB print request has characters code page 949 lacks"));
+        port->sendData(*bytes);
+        return;
+    }
+
+    // Payments and everything else: the POS sends the terminal's own frame, byte for byte.
+    if (!port)
+        return;
+    port->sendData(requiredBytes(request));
+}
+
+void USBViewController::serialPortsWereConnected(const SerialPortList &) {
+    hotPlugged();
+}
+
+void USBViewController::serialPortsWereDisconnected(const SerialPortList &) {
+    hotPlugged();
+}
+
+void USBViewController::hotPlugged() {
+    // Reopens the stored port when it is among those now listed. The port in use is not
+    // dropped here: its own removal says when it is gone.
+    loadPortList();
+}
+
+void USBViewController::serialPortWasRemovedFromSystem(SerialPort &) {
+    setSerialPort(nullptr);
+    loadPortList();
+}
+
+void USBViewController::serialPortDidReceiveData(SerialPort &, const QByteArray &data) {
+    answerFraming.didReceiveData(data);
+}
+
+void USBViewController::serialPortDidEncounterError(SerialPort &, QSerialPort::SerialPortError) {
+    // Errors that mean the device is gone come back as its removal; the rest change
+    // nothing, and a write that fails is not retried.
+}
