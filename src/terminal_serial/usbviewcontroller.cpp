@@ -6,7 +6,6 @@
 #include "textform.h"
 #include "userdefaults.h"
 
-
 namespace {
 
 const QString usbPortKey = QStringLiteral("USB_PORT");
