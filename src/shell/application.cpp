@@ -1,12 +1,13 @@
 #include "application.h"
 
+#include "appdelegate.h"
 #include "commandline.h"
-#include "gatewaypage.h"
 #include "kitchenretryqueue.h"
+#include "log.h"
 #include "pendingstore.h"
-#include "tcppage.h"
-#include "usbpage.h"
+#include "singleinstance.h"
 #include "userdefaults.h"
+#include "viewcontroller.h"
 
 #include <QApplication>
 #include <QDir>
@@ -122,7 +123,8 @@ int runTeranoCounter(int argc, char **argv) {
     if (line.listPending)
         return runPendingChores(line);
 
-    if (line.headless || !haveDisplay()) {
+    const bool offscreen = line.headless || !haveDisplay();
+    if (offscreen) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     } else if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
         // A display that cannot be reached (a stale DISPLAY after logging out, say) must
@@ -132,18 +134,54 @@ int runTeranoCounter(int argc, char **argv) {
     }
     // The offscreen platform reports what it cannot do for windows nobody sees.
     QLoggingCategory::setFilterRules(QStringLiteral("qt.qpa.*=false"));
+    const QString instanceSocket = SingleInstance::socketPath();
     ensureRuntimeDirectory();
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
 
-    // The pages are created but never shown when there is no tray to show them from;
-    // loading them starts the POS server, the terminal answer listeners and the stored
-    // serial port either way, in the order the popover loads them.
-    GatewayPage gatewayPage;
-    TcpPage tcpPage;
-    tcpPage.load();
-    tcpPage.appear();
-    UsbPage usbPage;
+    // A second launch shows the running service's pages instead of fighting it for ports.
+    switch (SingleInstance::askRunningInstanceToShow(instanceSocket)) {
+    case SingleInstance::Answer::Shown:
+        logLine(QStringLiteral("Terano Counter is already running: its settings are shown"));
+        return 0;
+    case SingleInstance::Answer::CannotShow:
+        logLine(QStringLiteral(
+                    "Terano Counter is already running without a screen (--headless): settings are in %1")
+                    .arg(UserDefaults::standard().fileName()));
+        return 0;
+    case SingleInstance::Answer::NoneRunning:
+        break;
+    }
+    SingleInstance instance;
+
+    if (!offscreen && QSystemTrayIcon::isSystemTrayAvailable()) {
+        AppDelegate delegate;
+        delegate.applicationDidFinishLaunching();
+        instance.listen(instanceSocket, [&delegate] {
+            delegate.showPopover();
+            return true;
+        });
+        KitchenRetryQueue::instance().resumeAtStart();
+        return QApplication::exec();
+    }
+
+    if (!offscreen)
+        logLine(QStringLiteral("no system tray: running without a tray icon, as with --headless"));
+    // No tray to show the pages from: they are loaded but not shown, which starts the POS
+    // server, the terminal answer listeners and the stored serial port all the same. With a
+    // screen, a later launch shows them as an ordinary window.
+    std::unique_ptr<ViewController> pages(ViewController::freshController());
+    pages->loadViewIfNeeded();
+    pages->viewDidAppear();
+    instance.listen(instanceSocket, [&pages, offscreen] {
+        if (offscreen)
+            return false;
+        pages->setWindowTitle(QStringLiteral("테라노카운터"));
+        pages->show();
+        pages->raise();
+        pages->activateWindow();
+        return true;
+    });
     // Kitchen orders an earlier run kept (KITCHEN_RETRY_MINUTES) go out again at once.
     KitchenRetryQueue::instance().resumeAtStart();
     return QApplication::exec();

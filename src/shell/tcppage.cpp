@@ -45,6 +45,10 @@ TcpPage::TcpPage(QWidget *parent)
     c.kisLabel = &kisOutlet;
     c.smartroLabel = &smartroOutlet;
 
+    // Until the page appears as the active interface, its title has the other one's look.
+    titleOutlet.setBackgroundColor(PageColor::deselectedGrey);
+    titleOutlet.setTextColor(PageColor::selectedBlue);
+
     connect(title, &ClickableLabel::clicked, this, [&c] { c.titleLabelClicked(); });
     connect(popup, &QComboBox::activated, this, [&c] { c.deviceTypeChanged(); });
     connect(ip, &QLineEdit::returnPressed, this, [&c] { c.ipTextfieldEnter(); });

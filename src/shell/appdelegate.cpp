@@ -1,0 +1,85 @@
+#include "appdelegate.h"
+
+#include "log.h"
+#include "notificationnames.h"
+#include "viewcontroller.h"
+
+#include <QCoreApplication>
+#include <QDir>
+
+namespace {
+
+constexpr int clickAfterMonitorCloseMs = 400;
+
+} // namespace
+
+QIcon AppDelegate::statusBarIcon() {
+    ensureShellResources();
+    QIcon icon;
+    const QDir pictures(statusBarButtonImage);
+    for (const QString &name : pictures.entryList({QStringLiteral("*.png")}, QDir::Files))
+        icon.addFile(pictures.filePath(name));
+    return icon;
+}
+
+AppDelegate::AppDelegate() = default;
+
+AppDelegate::~AppDelegate() {
+    if (closeObserver)
+        NotificationCenter::defaultCenter().removeObserver(closeObserver);
+}
+
+void AppDelegate::applicationDidFinishLaunching() {
+    statusItem.setIcon(statusBarIcon());
+    statusItem.setToolTip(QStringLiteral("테라노카운터"));
+    connect(&statusItem, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger)
+            togglePopover();
+    });
+    statusItem.show();
+
+    popover.setContentViewController(ViewController::freshController());
+
+    eventMonitor = std::make_unique<EventMonitor>([this] {
+        if (popover.isShown()) {
+            closePopover();
+            sinceMonitorClosed.start();
+        }
+    });
+
+    // Showing the popover once loads its pages; it is not left open.
+    showPopover();
+    closePopover();
+
+    closeObserver = NotificationCenter::defaultCenter().addObserver(
+        NotificationName::appDelegateNoti, nullptr, [this](const QVariant &) { closePopover(); });
+
+    LoginItems(QCoreApplication::applicationFilePath()).addToLoginItems();
+}
+
+void AppDelegate::togglePopover() {
+    if (popover.isShown()) {
+        closePopover();
+        return;
+    }
+    if (sinceMonitorClosed.isValid() && sinceMonitorClosed.elapsed() < clickAfterMonitorCloseMs)
+        return;
+    showPopover();
+}
+
+void AppDelegate::showPopover() {
+    popover.showRelativeTo(statusItem.geometry());
+    if (eventMonitor)
+        eventMonitor->start();
+}
+
+void AppDelegate::closePopover() {
+    popover.performClose();
+    if (eventMonitor)
+        eventMonitor->stop();
+}
+
+void AppDelegate::printQuote() {
+    logLine(
+        QStringLiteral("Never put off until tomorrow what you can do the day after tomorrow. — Mark Twain"));
+}

@@ -1,0 +1,310 @@
+// The application shell under the offscreen platform: the storyboard, the main page's
+// buttons and exit alert, where the popover opens, login items and the one-instance socket.
+#include "appdelegate.h"
+#include "forked.h"
+#include "loginitems.h"
+#include "notificationcenter.h"
+#include "notificationnames.h"
+#include "popover.h"
+#include "singleinstance.h"
+#include "stdoutcapture.h"
+#include "userdefaults.h"
+#include "viewcontroller.h"
+#include "wait.h"
+
+#include <QApplication>
+#include <QLocalServer>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QtTest>
+
+namespace {
+
+void writeFile(const QString &path, const QByteArray &contents) {
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(contents);
+}
+
+QByteArray desktopEntry(const QString &exec) {
+    return "[Desktop Entry]\nType=Application\nName=X\nExec=" + exec.toUtf8() + "\n";
+}
+
+// Answers the next modal alert with the button titled `choice`, after noting what it shows.
+struct AlertAnswer {
+    QString title, text, informative;
+    QStringList buttons;
+    QMessageBox::Icon icon = QMessageBox::NoIcon;
+    QPushButton *defaultButton = nullptr;
+    QPushButton *escapeButton = nullptr;
+    QStringList escapeAndDefault;
+
+    void answerWith(const QString &choice) {
+        QTimer::singleShot(0, [this, choice] {
+            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+            if (!box)
+                return;
+            title = box->windowTitle();
+            text = box->text();
+            informative = box->informativeText();
+            icon = box->icon();
+            QList<QPushButton *> ordered;
+            for (QAbstractButton *b : box->findChildren<QPushButton *>())
+                ordered << static_cast<QPushButton *>(b);
+            // The order on screen: left to right.
+            std::sort(ordered.begin(), ordered.end(), [](QPushButton *a, QPushButton *b) {
+                return a->mapToGlobal(QPoint()).x() < b->mapToGlobal(QPoint()).x();
+            });
+            for (QPushButton *b : ordered) {
+                buttons << b->text();
+                if (b->isDefault())
+                    escapeAndDefault << QStringLiteral("default:") + b->text();
+            }
+            if (box->escapeButton())
+                escapeAndDefault << QStringLiteral("escape:") + box->escapeButton()->text();
+            for (QPushButton *b : ordered)
+                if (b->text() == choice)
+                    b->click();
+        });
+    }
+};
+
+} // namespace
+
+class ShellTest : public QObject {
+    Q_OBJECT
+    QTemporaryDir config;
+    QTemporaryDir xdg;
+    QString application;
+
+private slots:
+    void initTestCase() {
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
+        application = QCoreApplication::applicationFilePath();
+    }
+
+    void init() {
+        QDir(config.path() + "/autostart").removeRecursively();
+        QDir(xdg.path()).removeRecursively();
+        QDir().mkpath(xdg.path());
+        qputenv("XDG_CONFIG_DIRS", QFile::encodeName(xdg.path() + "/a:" + xdg.path() + "/b"));
+    }
+
+    // ---- storyboard and main page
+
+    void storyboardNamesTheMainSceneAndItsPages() {
+        std::unique_ptr<ViewController> main(ViewController::freshController());
+        QVERIFY(main);
+        QCOMPARE(main->embeddedPages(),
+                 (QStringList{"WebSocketViewController", "TCPViewController", "USBViewController"}));
+        QVERIFY(!main->isViewLoaded()); // nothing starts before the popover first shows
+        QVERIFY(!main->gatewayPage());
+    }
+
+    void missingSceneStopsTheServiceWithItsMessage_data() {
+        QTest::addColumn<QByteArray>("storyboard");
+        QTest::newRow("no such resource") << QByteArray();
+        QTest::newRow("not JSON") << QByteArray("<document/>");
+        QTest::newRow("other scene") << QByteArray(
+            R"({"scenes":[{"identifier":"Other","class":"ViewController"}]})");
+        QTest::newRow("wrong class") << QByteArray(
+            R"({"scenes":[{"identifier":"ViewController","class":"NSView"}]})");
+    }
+    void missingSceneStopsTheServiceWithItsMessage() {
+        QFETCH(QByteArray, storyboard);
+        const QString path = xdg.filePath("Main.storyboard");
+        if (!storyboard.isNull())
+            writeFile(path, storyboard);
+        const ChildOutcome outcome = runInChild([path] { ViewController::freshController(path); });
+        QVERIFY(outcome.exitedNormally);
+        QVERIFY(outcome.exitCode != 0);
+        QCOMPARE(outcome.standardError,
+                 QByteArray("fatal: Why cant i find ViewController? - Check Main.storyboard\n"));
+    }
+
+    void closeButtonAsksTheDelegateToClose() {
+        std::unique_ptr<ViewController> main(ViewController::freshController());
+        QList<QVariant> posted;
+        QObject scope;
+        NotificationCenter::defaultCenter().addObserver(NotificationName::appDelegateNoti, &scope,
+                                                        [&](const QVariant &o) { posted << o; });
+        main->closeClicked();
+        QCOMPARE(posted.size(), 1);
+        QCOMPARE(posted.first().toMap(), (QVariantMap{{"msg", "closePopover"}}));
+    }
+
+    void exitAsksInKoreanWithExitFirstAndCancelKeepsRunning() {
+        AlertAnswer alert;
+        alert.answerWith(QStringLiteral("취 소"));
+        QVERIFY(!ViewController::askWithAlert(ViewController::exitQuestion, ViewController::exitText));
+        QCOMPARE(alert.text, QStringLiteral("테라노카운터 서비스 종료"));
+        QCOMPARE(alert.informative, QStringLiteral("테라노카운터 백그라운드 서비스를 종료 하시겠습니다."));
+        QCOMPARE(alert.icon, QMessageBox::Warning);
+        QCOMPARE(alert.buttons, (QStringList{"종 료", "취 소"}));
+        QVERIFY(alert.escapeAndDefault.contains("escape:취 소"));
+
+        AlertAnswer again;
+        again.answerWith(QStringLiteral("종 료"));
+        QVERIFY(ViewController::askWithAlert(ViewController::exitQuestion, ViewController::exitText));
+    }
+
+    void exitEndsTheProcessWithStatusZeroOnlyWhenConfirmed() {
+        std::unique_ptr<ViewController> main(ViewController::freshController());
+        main->dialogOKCancel = [](const QString &, const QString &) { return false; };
+        main->exitClicked(); // still here
+        const ChildOutcome confirmed = runInChild([] {
+            std::unique_ptr<ViewController> child(ViewController::freshController());
+            child->dialogOKCancel = [](const QString &, const QString &) { return true; };
+            child->exitClicked();
+            std::_Exit(3); // only reached if the exit did not happen
+        });
+        QVERIFY(confirmed.exitedNormally);
+        QCOMPARE(confirmed.exitCode, 0);
+    }
+
+    void statusBarImageHasEveryTraySize() {
+        const QIcon icon = AppDelegate::statusBarIcon();
+        QVERIFY(!icon.isNull());
+        for (const int size : {16, 22, 24, 32, 48, 64})
+            QVERIFY2(icon.availableSizes().contains(QSize(size, size)), qPrintable(QString::number(size)));
+    }
+
+    void printQuotePrintsOneLine() {
+        StdoutCapture capture;
+        AppDelegate().printQuote();
+        QCOMPARE(capture.lines().size(), 1);
+        QVERIFY(capture.lines().first().startsWith(
+            "Never put off until tomorrow what you can do the day after tomorrow. — "));
+    }
+
+    // ---- where the popover opens
+
+    void popoverOpensCentredUnderTheIcon() {
+        const QRect screen(0, 0, 1920, 1080);
+        QCOMPARE(Popover::placement(QRect(900, 0, 24, 24), QSize(300, 500), screen), QPoint(762, 28));
+    }
+
+    void popoverStaysOnTheScreenAtItsRightEdge() {
+        const QRect screen(0, 0, 1024, 768);
+        QCOMPARE(Popover::placement(QRect(1000, 0, 22, 26), QSize(296, 515), screen), QPoint(728, 30));
+    }
+
+    void popoverOpensAboveAnIconInABottomPanel() {
+        const QRect screen(0, 0, 1024, 740);
+        QCOMPARE(Popover::placement(QRect(500, 744, 24, 24), QSize(300, 500), screen).y(), 740 - 500);
+    }
+
+    // ---- login items
+
+    void firstLaunchAddsTheLoginItemAndSaysSo() {
+        writeFile(xdg.filePath("a/autostart/other.desktop"), desktopEntry("/bin/true"));
+        StdoutCapture capture;
+        LoginItems items(application);
+        QVERIFY(!items.findLoginItem().item);
+        items.addToLoginItems();
+        QCOMPARE(capture.lines(), QStringList{"Add login item"});
+        const QString entry = config.path() + "/autostart/teranocounter.desktop";
+        QVERIFY(QFileInfo::exists(entry));
+        QCOMPARE(LoginItems::resolvedTarget(entry),
+                 std::optional<QString>(QFileInfo(application).canonicalFilePath()));
+        const LoginItems::Found found = items.findLoginItem();
+        QCOMPARE(found.item, std::optional<QString>(entry));
+    }
+
+    void laterLaunchesFindItAndAddNothing() {
+        writeFile(xdg.filePath("b/autostart/other.desktop"), desktopEntry("/bin/true"));
+        LoginItems items(application);
+        items.addToLoginItems();
+        const QString entry = config.path() + "/autostart/teranocounter.desktop";
+        const QDateTime written = QFileInfo(entry).lastModified();
+        StdoutCapture capture;
+        items.addToLoginItems();
+        items.addToLoginItems();
+        QCOMPARE(capture.lines(), QStringList());
+        QCOMPARE(QFileInfo(entry).lastModified(), written);
+        QCOMPARE(QDir(config.path() + "/autostart").entryList(QDir::Files).size(), 1);
+    }
+
+    void anItemElsewhereThatStartsThisApplicationCounts() {
+        writeFile(xdg.filePath("b/autostart/pos-service.desktop"),
+                  desktopEntry("\"" + application + "\" --headless"));
+        StdoutCapture capture;
+        LoginItems(application).addToLoginItems();
+        QCOMPARE(capture.lines(), QStringList());
+        QVERIFY(!QFileInfo::exists(config.path() + "/autostart/teranocounter.desktop"));
+    }
+
+    void itemsThatCannotBeResolvedAreSkipped() {
+        writeFile(xdg.filePath("a/autostart/gone.desktop"), desktopEntry("/nonexistent/program"));
+        writeFile(xdg.filePath("a/autostart/broken.desktop"), "not a desktop entry");
+        LoginItems items(application);
+        const LoginItems::Found found = items.findLoginItem();
+        QVERIFY(!found.item);
+        QCOMPARE(found.last, xdg.filePath("a/autostart/gone.desktop"));
+    }
+
+    void emptyLoginItemListStopsTheService() {
+        const ChildOutcome outcome = runInChild([this] { LoginItems(application).addToLoginItems(); });
+        QVERIFY(outcome.exitedNormally);
+        QVERIFY(outcome.exitCode != 0);
+        QVERIFY2(outcome.standardError.startsWith("fatal: "), outcome.standardError.constData());
+        QVERIFY(!QFileInfo::exists(config.path() + "/autostart/teranocounter.desktop"));
+    }
+
+    // ---- one instance
+
+    void secondLaunchReachesTheRunningOne() {
+        const QString path = xdg.filePath("instance");
+        QCOMPARE(SingleInstance::askRunningInstanceToShow(path, 500), SingleInstance::Answer::NoneRunning);
+        SingleInstance running;
+        int asked = 0;
+        QVERIFY(running.listen(path, [&] {
+            ++asked;
+            return true;
+        }));
+        SingleInstance::Answer answer = SingleInstance::Answer::NoneRunning;
+        // The running instance answers from its event loop; ask from a second thread.
+        std::unique_ptr<QThread> second(
+            QThread::create([&] { answer = SingleInstance::askRunningInstanceToShow(path); }));
+        second->start();
+        QVERIFY(waitUntil([&] { return second->isFinished(); }, 5000));
+        QCOMPARE(answer, SingleInstance::Answer::Shown);
+        QCOMPARE(asked, 1);
+    }
+
+    void headlessRunningInstanceSaysItCannotShow() {
+        const QString path = xdg.filePath("instance");
+        SingleInstance running;
+        QVERIFY(running.listen(path, [] { return false; }));
+        SingleInstance::Answer answer = SingleInstance::Answer::NoneRunning;
+        std::unique_ptr<QThread> second(
+            QThread::create([&] { answer = SingleInstance::askRunningInstanceToShow(path); }));
+        second->start();
+        QVERIFY(waitUntil([&] { return second->isFinished(); }, 5000));
+        QCOMPARE(answer, SingleInstance::Answer::CannotShow);
+    }
+
+    void socketLeftByAKilledServiceIsReplaced() {
+        const QString path = xdg.filePath("instance");
+        writeFile(path, "stale"); // a file where the socket was
+        QCOMPARE(SingleInstance::askRunningInstanceToShow(path, 500), SingleInstance::Answer::NoneRunning);
+        SingleInstance running;
+        QVERIFY(running.listen(path, [] { return true; }));
+    }
+
+    void socketLivesInTheRuntimeFolderUnderTheUsersName() {
+        QTemporaryDir runtime;
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtime.path()));
+        const QString path = SingleInstance::socketPath();
+        qunsetenv("XDG_RUNTIME_DIR");
+        QVERIFY2(path.startsWith(runtime.path() + "/teranocounter-" + QString::number(getuid()) + "-"),
+                 qPrintable(path));
+        QVERIFY(SingleInstance::socketPath().startsWith(QDir::tempPath() + "/teranocounter-"));
+    }
+};
+
+QTEST_MAIN(ShellTest)
+#include "tst_shell.moc"
