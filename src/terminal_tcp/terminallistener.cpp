@@ -4,6 +4,7 @@
 #include "log.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
+#include "terminalanswers.h"
 #include "terminalresponse.h"
 
 #include <QTcpSocket>
@@ -19,14 +20,8 @@ bool TerminalListener::listen(const QHostAddress &address, quint16 port) {
     return server.listen(address, port);
 }
 
-QByteArray TerminalListener::answerBytes(const QByteArray &frame) {
-    if (frame.size() < frontCut + 1 + backCut)
-        return {};
-    return frame.mid(frontCut, frame.size() - frontCut - backCut);
-}
-
 void TerminalListener::answerArrived(const QByteArray &frame) const {
-    const std::optional<QString> text = cp949::decode(answerBytes(frame));
+    const std::optional<QString> text = cp949::decode(TerminalAnswers::listenerAnswerBytes(frame));
     if (!text) {
         logLine(QStringLiteral("euc failed"));
         return;

@@ -15,8 +15,6 @@ class TerminalListener : public QObject {
     Q_OBJECT
 public:
     static constexpr qint64 readLimit = 1024;
-    static constexpr int frontCut = 5;
-    static constexpr int backCut = 3;
     // A connection that has said nothing by then is closed without an answer.
     static constexpr int silentConnectionLimitMs = 60'000;
 
@@ -26,9 +24,6 @@ public:
     QString errorString() const { return server.errorString(); }
     QHostAddress serverAddress() const { return server.serverAddress(); }
     quint16 serverPort() const { return server.serverPort(); }
-
-    // The answer text in a frame as received: empty for frames under 9 bytes.
-    static QByteArray answerBytes(const QByteArray &frame);
 
 private:
     void acceptPending();

@@ -7,6 +7,7 @@
 #include "notificationcenter.h"
 #include "notificationnames.h"
 #include "tcpclient.h"
+#include "terminalanswers.h"
 #include "terminalresponse.h"
 #include "userdefaults.h"
 
@@ -87,9 +88,7 @@ private:
     void afterSend() override {
         client->read(
             VendorSenders::readLimit, timings.firstReplyMs, [this](const std::optional<QByteArray> &) {
-                const bool endsWithFirstReply = kind == QLatin1String("print") ||
-                                                (request.size() > 2 && request.at(2) == VendorSenders::DLE);
-                if (endsWithFirstReply) {
+                if (TerminalAnswers::kisEndsWithFirstReply(request, kind)) {
                     client->close();
                     return;
                 }
@@ -99,23 +98,20 @@ private:
     }
 
     void takeAnswer(const std::optional<QByteArray> &answer) {
-        if (!answer || answer->at(0) == VendorSenders::ACK) {
-            // No answer, or only the terminal's acknowledgement: nothing for the POS.
-            client->close();
-            return;
+        const TerminalAnswers::KisAnswer result = TerminalAnswers::readKisAnswer(answer);
+        switch (result.kind) {
+        case TerminalAnswers::KisAnswer::Kind::Nothing:
+            break; // no answer, or only the terminal's acknowledgement: nothing for the POS
+        case TerminalAnswers::KisAnswer::Kind::TooShort:
+            // The answer is framed by 3 leading bytes and 1 trailing byte; one too short to
+            // hold them means the terminal and the service disagree on the protocol.
+            fatalStop(QStringLiteral("KIS terminal answered %1 bytes, too few to cut its 3 leading bytes and "
+                                     "its last byte")
+                          .arg(answer->size()));
+        case TerminalAnswers::KisAnswer::Kind::Result:
+            postAnswer(result.text, TerminalDeviceName::KIS);
+            break;
         }
-        // The answer is framed by 3 leading bytes and 1 trailing byte; an answer too short
-        // to hold them means the terminal and the service disagree on the protocol.
-        QByteArray result = *answer;
-        if (result.size() < 3)
-            fatalStop(QStringLiteral("KIS terminal answered %1 bytes, too few to cut its 3 leading bytes")
-                          .arg(answer->size()));
-        result.remove(0, 3);
-        if (result.isEmpty())
-            fatalStop(QStringLiteral("KIS terminal answered %1 bytes, nothing left to cut its last byte from")
-                          .arg(answer->size()));
-        result.chop(1);
-        postAnswer(result, TerminalDeviceName::KIS);
         client->close();
     }
 
@@ -147,9 +143,9 @@ private:
                              client->close();
                              return;
                          }
-                         const bool acknowledged = client->send(QByteArray(3, VendorSenders::ACK));
+                         const bool acknowledged = client->send(QByteArray(3, TerminalAnswers::ACK));
                          logLine(acknowledged ? QStringLiteral("ack success") : QStringLiteral("ack failed"));
-                         if (reply->at(0) != VendorSenders::DLE) {
+                         if (!TerminalAnswers::isSmartroFinalReply(*reply)) {
                              awaitReply();
                              return;
                          }

@@ -40,8 +40,6 @@ struct ExchangeTimings {
 class VendorSenders {
 public:
     static constexpr qint64 readLimit = 10240;
-    static constexpr char ACK = 0x06;
-    static constexpr char DLE = 0x10;
 
     explicit VendorSenders(VendorPorts ports = {}, ExchangeTimings timings = {})
         : ports(ports), timings(timings) {}

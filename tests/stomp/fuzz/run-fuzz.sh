@@ -3,41 +3,13 @@
 #
 #   bash tests/stomp/fuzz/run-fuzz.sh <builddir> [seconds]
 #
-# Everything it writes goes under <builddir>/stomp-fuzz (binary, working corpus, crash
-# files). Exits non-zero if the build fails or the fuzzer finds a crash, a leak or a
-# broken property. Needs clang++ (with its libFuzzer runtime) and the Qt 6 Core headers.
+# Writes under <builddir>/stomp-fuzz. Exits non-zero if the build fails or the fuzzer
+# finds a crash, a leak or a broken property. Needs clang++ and the Qt 6 Core headers.
 set -euo pipefail
-
-if [[ $# -lt 1 ]]; then
-    echo "usage: $0 <builddir> [seconds]" >&2
-    exit 2
-fi
-
+[[ $# -ge 1 ]] || { echo "usage: $0 <builddir> [seconds]" >&2; exit 2; }
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-source_root="$(cd "$here/../../.." && pwd)"
-mkdir -p "$1"
-out="$(cd "$1" && pwd)/stomp-fuzz"
-seconds="${2:-30}"
-cxx="${CXX_FUZZ:-clang++}"
+root="$(cd "$here/../../.." && pwd)"
+source "$root/tests/support/libfuzzer.sh"
 
-mkdir -p "$out/corpus" "$out/artifacts"
-
-qt_flags="$(pkg-config --cflags Qt6Core)"
-qt_libs="$(pkg-config --libs Qt6Core)"
-
-# -fPIC: Debian's Qt is built so that code using its headers must be position independent.
-# shellcheck disable=SC2086
-"$cxx" -std=c++20 -g -O1 -fPIC -fno-omit-frame-pointer \
-    -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
-    -I"$source_root/src/stomp" $qt_flags \
-    "$source_root/src/stomp/stompframe.cpp" "$here/stompframe_fuzz.cpp" \
-    $qt_libs -o "$out/stompframe_fuzz"
-
-echo "running $out/stompframe_fuzz for ${seconds}s"
-# The working corpus grows in the build tree; the committed seeds are only read.
-"$out/stompframe_fuzz" \
-    -max_total_time="$seconds" \
-    -dict="$here/stomp.dict" \
-    -artifact_prefix="$out/artifacts/" \
-    -print_final_stats=1 \
-    "$out/corpus" "$here/seeds"
+run_libfuzzer "$1" stomp-fuzz "${2:-30}" "$here/seeds" "$here/stomp.dict" \
+    -I"$root/src/stomp" "$root/src/stomp/stompframe.cpp" "$here/stompframe_fuzz.cpp"
