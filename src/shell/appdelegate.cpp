@@ -33,7 +33,9 @@ void AppDelegate::applicationDidFinishLaunching() {
     statusItem.setIcon(statusBarIcon());
     statusItem.setToolTip(QStringLiteral("테라노카운터"));
     connect(&statusItem, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-        if (reason == QSystemTrayIcon::Trigger)
+        // Every click toggles. Qt reports the second of two quick clicks as a double click
+        // instead of a click: a quick click to close what was just opened must close it.
+        if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick)
             togglePopover();
     });
     statusItem.show();

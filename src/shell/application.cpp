@@ -152,15 +152,18 @@ int runTeranoCounter(int argc, char **argv) {
     case SingleInstance::Answer::NoneRunning:
         break;
     }
+    // Both ways below listen before the launch starts the servers: a launch from then on
+    // asks this one (answered once the event loop runs) instead of becoming a second
+    // service that finds the ports taken.
     SingleInstance instance;
 
     if (!offscreen && QSystemTrayIcon::isSystemTrayAvailable()) {
         AppDelegate delegate;
-        delegate.applicationDidFinishLaunching();
         instance.listen(instanceSocket, [&delegate] {
             delegate.showPopover();
             return true;
         });
+        delegate.applicationDidFinishLaunching();
         KitchenRetryQueue::instance().resumeAtStart();
         return QApplication::exec();
     }
@@ -171,8 +174,6 @@ int runTeranoCounter(int argc, char **argv) {
     // server, the terminal answer listeners and the stored serial port all the same. With a
     // screen, a later launch shows them as an ordinary window.
     std::unique_ptr<ViewController> pages(ViewController::freshController());
-    pages->loadViewIfNeeded();
-    pages->viewDidAppear();
     instance.listen(instanceSocket, [&pages, offscreen] {
         if (offscreen)
             return false;
@@ -182,6 +183,8 @@ int runTeranoCounter(int argc, char **argv) {
         pages->activateWindow();
         return true;
     });
+    pages->loadViewIfNeeded();
+    pages->viewDidAppear();
     // Kitchen orders an earlier run kept (KITCHEN_RETRY_MINUTES) go out again at once.
     KitchenRetryQueue::instance().resumeAtStart();
     return QApplication::exec();

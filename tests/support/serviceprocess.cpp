@@ -23,6 +23,9 @@ QProcessEnvironment ServiceProcess::environment() const {
     env.remove(QStringLiteral("DISPLAY"));
     env.remove(QStringLiteral("WAYLAND_DISPLAY"));
     env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    const QStringList extraNames = extraEnvironment.keys();
+    for (const QString &name : extraNames)
+        env.insert(name, extraEnvironment.value(name));
     return env;
 }
 
@@ -59,13 +62,20 @@ void ServiceProcess::killHard() {
 }
 
 bool ServiceProcess::start(bool expectGateway, const QStringList &extraArguments) {
+    return launch(QStringList{QStringLiteral("--headless")} + extraArguments, expectGateway);
+}
+
+bool ServiceProcess::startOnScreen(bool expectGateway, const QStringList &arguments) {
+    return launch(arguments, expectGateway);
+}
+
+bool ServiceProcess::launch(const QStringList &arguments, bool expectGateway) {
     if (process.isOpen())
         drain();
     outBuffer.clear();
     errBuffer.clear();
     process.setProcessEnvironment(environment());
-    process.start(QStringLiteral(TERANOCOUNTER_BIN),
-                  QStringList{QStringLiteral("--headless")} + extraArguments);
+    process.start(QStringLiteral(TERANOCOUNTER_BIN), arguments);
     if (!process.waitForStarted(10000))
         return false;
     if (!expectGateway)

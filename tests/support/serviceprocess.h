@@ -29,6 +29,13 @@ public:
     // Starts `teranocounter --headless` and waits until the gateway accepts connections
     // (or, when `expectGateway` is false, until it has printed its first line).
     bool start(bool expectGateway = true, const QStringList &extraArguments = {});
+    // As start(), without --headless: with a DISPLAY in `extraEnvironment` the service
+    // finds a screen and, when the desktop has a system tray, puts its icon there.
+    bool startOnScreen(bool expectGateway = true, const QStringList &arguments = {});
+
+    // Set for every run on top of the temporary HOME (a DISPLAY, XDG_CONFIG_DIRS). Empty
+    // by default: the service then runs as a supervisor without a screen starts it.
+    QProcessEnvironment extraEnvironment;
     bool waitForExit(int timeoutMs);
     // SIGKILL, as a crash or the OOM killer would end it; the next start() begins afresh
     // with the same HOME.
@@ -47,6 +54,7 @@ public:
     static bool gatewayAcceptsConnections();
 
 private:
+    bool launch(const QStringList &arguments, bool expectGateway);
     void drain();
     QProcessEnvironment environment() const;
 
