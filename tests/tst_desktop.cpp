@@ -625,6 +625,11 @@ private slots:
             uiTimeoutMs);
         QVERIFY2(problem.isEmpty(), qPrintable(problem + QStringLiteral(" (") + picture + u')'));
 
+        // Its close button (Alt+C) puts the window away again; the service goes on.
+        QVERIFY(desktop.key(QStringLiteral("alt+c")));
+        QVERIFY2(waitUntil([&] { return serviceWindowsNamed(pagesTitle, true).isEmpty(); }, uiTimeoutMs),
+                 "Alt+C did not close the window of pages");
+
         QVERIFY(service.isRunning());
         PosClient pos;
         QVERIFY2(pos.open(ServiceProcess::gatewayPort), "the first service no longer accepts a POS page");

@@ -4,6 +4,8 @@
 #include "commandline.h"
 #include "kitchenretryqueue.h"
 #include "log.h"
+#include "notificationcenter.h"
+#include "notificationnames.h"
 #include "pendingstore.h"
 #include "singleinstance.h"
 #include "userdefaults.h"
@@ -185,6 +187,9 @@ int runTeranoCounter(int argc, char **argv) {
     });
     pages->loadViewIfNeeded();
     pages->viewDidAppear();
+    // The page's close button hides the window as it closes the popover in the tray.
+    NotificationCenter::defaultCenter().addObserver(NotificationName::appDelegateNoti, pages.get(),
+                                                    [&pages](const QVariant &) { pages->hide(); });
     // Kitchen orders an earlier run kept (KITCHEN_RETRY_MINUTES) go out again at once.
     KitchenRetryQueue::instance().resumeAtStart();
     return QApplication::exec();
