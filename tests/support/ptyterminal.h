@@ -4,10 +4,12 @@
 
 #include <QByteArray>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QString>
 #include <cerrno>
 #include <fcntl.h>
+#include <poll.h>
 #include <pty.h>
 #include <termios.h>
 #include <unistd.h>
@@ -60,6 +62,33 @@ public:
             if (n <= 0)
                 return false;
             done += n;
+        }
+        return true;
+    }
+
+    // Like write(), for more than the pseudo-terminal holds at once: when it is full, waits
+    // for the service to read (for `timeoutMs` in all) instead of giving up.
+    bool writeAll(const QByteArray &bytes, int timeoutMs) {
+        QElapsedTimer clock;
+        clock.start();
+        qsizetype done = 0;
+        while (done < bytes.size()) {
+            const ssize_t n =
+                ::write(master, bytes.constData() + done, static_cast<size_t>(bytes.size() - done));
+            if (n > 0) {
+                done += n;
+                continue;
+            }
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0 && errno != EAGAIN)
+                return false;
+            const qint64 left = timeoutMs - clock.elapsed();
+            if (left <= 0)
+                return false;
+            pollfd room{master, POLLOUT, 0};
+            if (::poll(&room, 1, static_cast<int>(left)) < 0 && errno != EINTR)
+                return false;
         }
         return true;
     }

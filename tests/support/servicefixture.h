@@ -1,5 +1,6 @@
 #pragma once
 
+#include "fakeprinter.h"
 #include "posclient.h"
 #include "serviceprocess.h"
 
@@ -8,3 +9,38 @@
 inline bool startAndConnect(ServiceProcess &service, PosClient &pos) {
     return service.start() && pos.open(ServiceProcess::gatewayPort);
 }
+
+// How a fault test ends: the service is still running, has said nothing on standard error,
+// and a POS page that connects now gets its kitchen order printed. Returns what went wrong,
+// or nothing.
+inline QString notServingNextOrder(ServiceProcess &service) {
+    if (!service.isRunning())
+        return QStringLiteral("the service is not running (exit code %1; standard error: %2)")
+            .arg(service.exitCode())
+            .arg(service.stderrLines().join(u'|'));
+    if (!service.stderrLines().isEmpty())
+        return QStringLiteral("standard error: ") + service.stderrLines().join(u'|');
+    FakePrinter printer;
+    if (!printer.listen())
+        return QStringLiteral("no port for the printer");
+    PosClient pos;
+    if (!pos.open(ServiceProcess::gatewayPort))
+        return QStringLiteral("a new POS page could not connect");
+    const QByteArray order("NEXT ORDER 1\n");
+    pos.send(kitchenOrderFrame(QString::fromLatin1(order), printer.port()));
+    if (!waitUntil(
+            [&] {
+                return !printer.connections().isEmpty() && printer.connections().first().received == order;
+            },
+            10000))
+        return QStringLiteral("the next kitchen order did not reach its printer");
+    if (!service.isRunning())
+        return QStringLiteral("the service stopped after the next order");
+    return {};
+}
+
+#define VERIFY_SERVES_NEXT_ORDER(service)                                                                    \
+    do {                                                                                                     \
+        const QString why = notServingNextOrder(service);                                                    \
+        QVERIFY2(why.isEmpty(), qPrintable(why));                                                            \
+    } while (false)
