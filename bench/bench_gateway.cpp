@@ -3,6 +3,7 @@
 // a fake printer on loopback, a real WebSocket client.
 #include "fakeprinter.h"
 #include "posclient.h"
+#include "qtjsonrequest.h"
 #include "request.h"
 #include "userdefaults.h"
 #include "wait.h"
@@ -59,23 +60,43 @@ void kitchenLatency(quint16 gatewayPort, int orders, int burst) {
     waitUntil([&] { return printer.closedCount() == int(printer.connections().size()); }, 5000);
 }
 
-void parseCost(int dataBytes, int rounds) {
-    QString frame = QStringLiteral(R"({"requesttype":"print","data":[)");
-    for (int i = 0; i < dataBytes; ++i)
-        frame += (i ? QStringLiteral(",") : QString()) + QString::number(i % 256);
-    frame += QStringLiteral("]}");
+QString frameWithData(int dataBytes) {
+    QByteArray frame = R"({"requesttype":"print","data":[)";
+    frame.reserve(dataBytes * 4 + 64);
+    for (int i = 0; i < dataBytes; ++i) {
+        if (i)
+            frame += ',';
+        frame += QByteArray::number(i % 256);
+    }
+    frame += "]}";
+    return QString::fromLatin1(frame);
+}
+
+// Steps one and two as the service runs them: the simdjson reader, or the QJsonDocument
+// reader it replaces followed by buildInternalRequest.
+QByteArray dataOf(const QString &frame, bool old) {
+    if (old) {
+        const auto object = parseRequestObjectWithQtJson(frame);
+        const auto internal = buildInternalRequest(std::get<QVariantMap>(object));
+        return std::get<QVariantMap>(internal).value("data").toByteArray();
+    }
+    return std::get<ParsedRequest>(parseRequest(frame)).internal.value("data").toByteArray();
+}
+
+void parseCost(int dataBytes, int rounds, bool old) {
+    const QString frame = frameWithData(dataBytes);
     std::vector<double> times;
     for (int r = 0; r < rounds; ++r) {
         QElapsedTimer clock;
         clock.start();
-        const auto object = parseRequestObject(frame);
-        const auto internal = buildInternalRequest(std::get<QVariantMap>(object));
-        if (std::get<QVariantMap>(internal).value("data").toByteArray().size() != dataBytes)
-            std::printf("unexpected size\n");
+        const QByteArray data = dataOf(frame, old);
         times.push_back(double(clock.nsecsElapsed()) / 1e6);
+        if (data.size() != dataBytes)
+            std::printf("unexpected size\n");
     }
-    std::printf("| parse request, data of %8d bytes          | %6d | %8.2f | %8.2f | %8.2f |\n", dataBytes,
-                rounds, percentile(times, 0.5), percentile(times, 0.95), percentile(times, 1.0));
+    std::printf("| parse request, data of %8d bytes (%s) | %6d | %8.2f | %8.2f | %8.2f |\n", dataBytes,
+                old ? "old" : "new", rounds, percentile(times, 0.5), percentile(times, 0.95),
+                percentile(times, 1.0));
 }
 
 } // namespace
@@ -94,8 +115,11 @@ int main(int argc, char **argv) {
     kitchenLatency(gateway.server.serverPort(), 200, 1);
     kitchenLatency(gateway.server.serverPort(), 200, 10);
     kitchenLatency(gateway.server.serverPort(), 200, 50);
-    parseCost(1024, 200);
-    parseCost(64 * 1024, 50);
-    parseCost(1024 * 1024, 5);
+    for (const bool old : {true, false}) {
+        parseCost(1024, 200, old);
+        parseCost(64 * 1024, 50, old);
+        parseCost(1024 * 1024, old ? 5 : 50, old);
+        parseCost(16 * 1024 * 1024, old ? 3 : 10, old);
+    }
     return 0;
 }

@@ -3,7 +3,7 @@
 # to run its tests). Packages already present are not downloaded again.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-websockets-dev qt6-serialport-dev libqt6sql6-sqlite)
+packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-websockets-dev qt6-serialport-dev libqt6sql6-sqlite libsimdjson-dev)
 if [[ "${1:-}" == "--test" ]]; then
     packages+=(clang libclang-rt-14-dev chromium iproute2)
 fi
