@@ -3,7 +3,6 @@
 // a fake printer on loopback, a real WebSocket client.
 #include "fakeprinter.h"
 #include "posclient.h"
-#include "qtjsonrequest.h"
 #include "request.h"
 #include "userdefaults.h"
 #include "wait.h"
@@ -72,31 +71,19 @@ QString frameWithData(int dataBytes) {
     return QString::fromLatin1(frame);
 }
 
-// Steps one and two as the service runs them: the simdjson reader, or the QJsonDocument
-// reader it replaces followed by buildInternalRequest.
-QByteArray dataOf(const QString &frame, bool old) {
-    if (old) {
-        const auto object = parseRequestObjectWithQtJson(frame);
-        const auto internal = buildInternalRequest(std::get<QVariantMap>(object));
-        return std::get<QVariantMap>(internal).value("data").toByteArray();
-    }
-    return std::get<ParsedRequest>(parseRequest(frame)).internal.value("data").toByteArray();
-}
-
-void parseCost(int dataBytes, int rounds, bool old) {
+void parseCost(int dataBytes, int rounds) {
     const QString frame = frameWithData(dataBytes);
     std::vector<double> times;
     for (int r = 0; r < rounds; ++r) {
         QElapsedTimer clock;
         clock.start();
-        const QByteArray data = dataOf(frame, old);
+        const auto request = parseRequest(frame);
         times.push_back(double(clock.nsecsElapsed()) / 1e6);
-        if (data.size() != dataBytes)
+        if (std::get<ParsedRequest>(request).internal.value("data").toByteArray().size() != dataBytes)
             std::printf("unexpected size\n");
     }
-    std::printf("| parse request, data of %8d bytes (%s) | %6d | %8.2f | %8.2f | %8.2f |\n", dataBytes,
-                old ? "old" : "new", rounds, percentile(times, 0.5), percentile(times, 0.95),
-                percentile(times, 1.0));
+    std::printf("| parse request, data of %8d bytes          | %6d | %8.2f | %8.2f | %8.2f |\n", dataBytes,
+                rounds, percentile(times, 0.5), percentile(times, 0.95), percentile(times, 1.0));
 }
 
 } // namespace
@@ -115,11 +102,9 @@ int main(int argc, char **argv) {
     kitchenLatency(gateway.server.serverPort(), 200, 1);
     kitchenLatency(gateway.server.serverPort(), 200, 10);
     kitchenLatency(gateway.server.serverPort(), 200, 50);
-    for (const bool old : {true, false}) {
-        parseCost(1024, 200, old);
-        parseCost(64 * 1024, 50, old);
-        parseCost(1024 * 1024, old ? 5 : 50, old);
-        parseCost(16 * 1024 * 1024, old ? 3 : 10, old);
-    }
+    parseCost(1024, 200);
+    parseCost(64 * 1024, 50);
+    parseCost(1024 * 1024, 50);
+    parseCost(16 * 1024 * 1024, 10);
     return 0;
 }

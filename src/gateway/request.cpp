@@ -254,12 +254,12 @@ private:
 
     // Numbers are converted here rather than by simdjson: its On-Demand reader (3.0.1) can
     // round a long mantissa with an exponent to a wrong double, and the types must be the
-    // ones QJsonDocument gives, since routing and kitchen printing compare them. An integer
-    // written without fraction or exponent that fits in 64 bits is that integer; any other
-    // number is the double QByteArray::toDouble makes of it (the conversion QJsonDocument
-    // uses, overflow and underflow refused alike), which becomes an integer again when it is
-    // whole and fits: 65.0, 1e2, -0, and -9223372036854775809 as the smallest qlonglong.
-    // simdjson moves past the value by itself.
+    // ones the service has always had (QJsonDocument's), since routing and kitchen printing
+    // compare them. An integer written without fraction or exponent that fits in 64 bits is
+    // that integer; any other number is the double QByteArray::toDouble makes of it (the
+    // conversion QJsonDocument uses, overflow and underflow refused alike), which becomes an
+    // integer again when it is whole and fits: 65.0, 1e2, -0, and -9223372036854775809 as
+    // the smallest qlonglong. simdjson moves past the value by itself.
     bool readNumber(od::value &value, QVariant &out) {
         const std::string_view token = trimmed(value.raw_json_token());
         if (!isJsonNumber(token))
@@ -445,7 +445,8 @@ std::variant<QVariantMap, RequestError> readFrame(const QString &frameText, Fram
             return notJson(reader.fault, offsetIn(document, ascii.constData(), length));
     } else {
         // A string, number or literal alone has never been taken for JSON here, valid or not
-        // (QJsonDocument only reads objects and arrays), so there is nothing to read.
+        // (the QJsonDocument reader it had before only read objects and arrays), so there is
+        // nothing to read.
         return notJson(QStringLiteral("the top level is neither an object nor an array"), qsizetype(0));
     }
     if (!atEnd(document))

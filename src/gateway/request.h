@@ -14,10 +14,10 @@ struct RequestError {
     QString reason;
 };
 
-// Step one: the frame must be ASCII-only JSON whose top level is an object. Numbers read as
-// QJsonDocument has always read them, which other code relies on: an integral value that
-// fits in 64 bits is a qlonglong (65, 65.0, 1e2 and -0 alike), anything else a double. A
-// key given twice keeps its last value.
+// Step one: the frame must be ASCII-only JSON whose top level is an object. Numbers get the
+// types the service has always given them (QJsonDocument's), which other code relies on: an
+// integral value that fits in 64 bits is a qlonglong (65, 65.0, 1e2 and -0 alike), anything
+// else a double. A key given twice keeps its last value.
 std::variant<QVariantMap, RequestError> parseRequestObject(const QString &frameText);
 
 // Step two: the five-key dictionary the rest of the service works with. "data" becomes a

@@ -1,12 +1,11 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer target that compares the two request frame readers with clang and
-# runs it.
+# Builds the libFuzzer target for the request frame reader with clang and runs it.
 #
 #   bash tests/request/fuzz/run-fuzz.sh <builddir> [seconds]
 #
 # Everything it writes goes under <builddir>/request-fuzz (binary, working corpus, crash
 # files). Exits non-zero if the build fails or the fuzzer finds a crash, a leak or a
-# disagreement. Needs clang++ (with its libFuzzer runtime), the Qt 6 Core headers and
+# broken property. Needs clang++ (with its libFuzzer runtime), the Qt 6 Core headers and
 # simdjson.
 set -euo pipefail
 
@@ -34,13 +33,12 @@ common="$source_root/src/common"
 "$cxx" -std=c++20 -g -O1 -fPIC -fno-omit-frame-pointer \
     -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
     -I"$gateway" -I"$common" $flags \
-    "$gateway/request.cpp" "$gateway/qtjsonrequest.cpp" "$gateway/strictjson.cpp" "$common/textform.cpp" \
-    "$here/request_differential_fuzz.cpp" \
-    $libs -o "$out/request_differential_fuzz"
+    "$gateway/request.cpp" "$common/textform.cpp" "$here/request_fuzz.cpp" \
+    $libs -o "$out/request_fuzz"
 
-echo "running $out/request_differential_fuzz for ${seconds}s"
+echo "running $out/request_fuzz for ${seconds}s"
 # The working corpus grows in the build tree; the committed seeds are only read.
-"$out/request_differential_fuzz" \
+"$out/request_fuzz" \
     -max_total_time="$seconds" \
     -dict="$here/request.dict" \
     -artifact_prefix="$out/artifacts/" \
