@@ -59,20 +59,28 @@ void kitchenLatency(quint16 gatewayPort, int orders, int burst) {
     waitUntil([&] { return printer.closedCount() == int(printer.connections().size()); }, 5000);
 }
 
+QString frameWithData(int dataBytes) {
+    QByteArray frame = R"({"requesttype":"print","data":[)";
+    frame.reserve(dataBytes * 4 + 64);
+    for (int i = 0; i < dataBytes; ++i) {
+        if (i)
+            frame += ',';
+        frame += QByteArray::number(i % 256);
+    }
+    frame += "]}";
+    return QString::fromLatin1(frame);
+}
+
 void parseCost(int dataBytes, int rounds) {
-    QString frame = QStringLiteral(R"({"requesttype":"print","data":[)");
-    for (int i = 0; i < dataBytes; ++i)
-        frame += (i ? QStringLiteral(",") : QString()) + QString::number(i % 256);
-    frame += QStringLiteral("]}");
+    const QString frame = frameWithData(dataBytes);
     std::vector<double> times;
     for (int r = 0; r < rounds; ++r) {
         QElapsedTimer clock;
         clock.start();
-        const auto object = parseRequestObject(frame);
-        const auto internal = buildInternalRequest(std::get<QVariantMap>(object));
-        if (std::get<QVariantMap>(internal).value("data").toByteArray().size() != dataBytes)
-            std::printf("unexpected size\n");
+        const auto request = parseRequest(frame);
         times.push_back(double(clock.nsecsElapsed()) / 1e6);
+        if (std::get<ParsedRequest>(request).internal.value("data").toByteArray().size() != dataBytes)
+            std::printf("unexpected size\n");
     }
     std::printf("| parse request, data of %8d bytes          | %6d | %8.2f | %8.2f | %8.2f |\n", dataBytes,
                 rounds, percentile(times, 0.5), percentile(times, 0.95), percentile(times, 1.0));
@@ -96,6 +104,7 @@ int main(int argc, char **argv) {
     kitchenLatency(gateway.server.serverPort(), 200, 50);
     parseCost(1024, 200);
     parseCost(64 * 1024, 50);
-    parseCost(1024 * 1024, 5);
+    parseCost(1024 * 1024, 50);
+    parseCost(16 * 1024 * 1024, 10);
     return 0;
 }

@@ -5,7 +5,7 @@ set -euo pipefail
 
 # fonts-nanum: the tray icon's pages and questions are in Korean.
 packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-websockets-dev qt6-serialport-dev libqt6sql6-sqlite
-    fonts-nanum)
+    libsimdjson-dev fonts-nanum)
 if [[ "${1:-}" == "--test" ]]; then
     packages+=(clang libclang-rt-14-dev chromium iproute2)
     # tst_desktop: its own X server, window manager and tray panel, driven from outside.

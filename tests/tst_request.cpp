@@ -1,6 +1,8 @@
 #include "request.h"
 
 #include <QtTest>
+#include <cstring>
+#include <limits>
 
 namespace {
 
@@ -17,6 +19,44 @@ bool parseFails(const QString &text) {
 
 std::variant<QVariantMap, RequestError> internalOf(const QString &text) {
     return buildInternalRequest(parsed(text));
+}
+
+QString reasonOf(const std::variant<QVariantMap, RequestError> &result) {
+    const auto *error = std::get_if<RequestError>(&result);
+    return error ? error->reason : QString();
+}
+
+// The request as the service reads it (parseRequest), checked against the two steps it
+// stands for: the same internal request, the same object but for "data", or the same
+// refusal.
+std::variant<QVariantMap, RequestError> serviceReading(const QString &text) {
+    const auto single = parseRequest(text);
+    const auto object = parseRequestObject(text);
+    const auto steps = std::holds_alternative<QVariantMap>(object)
+                           ? buildInternalRequest(std::get<QVariantMap>(object))
+                           : object;
+    if (const auto *error = std::get_if<RequestError>(&single)) {
+        // What follows "not JSON" is the parser's own description of the fault.
+        const QString notJson = QStringLiteral("request frame is not JSON");
+        const bool same = error->reason.startsWith(notJson) ? reasonOf(steps).startsWith(notJson)
+                                                            : reasonOf(steps) == error->reason;
+        if (!same)
+            qFatal("the single reading refuses with \"%s\", the steps with \"%s\"", qPrintable(error->reason),
+                   qPrintable(reasonOf(steps)));
+        return *error;
+    }
+    const ParsedRequest &request = std::get<ParsedRequest>(single);
+    QVariantMap withoutData = std::get<QVariantMap>(object);
+    withoutData.remove("data");
+    if (!std::holds_alternative<QVariantMap>(steps) || std::get<QVariantMap>(steps) != request.internal ||
+        withoutData != request.object)
+        qFatal("the single reading and the steps disagree on %s", qPrintable(text));
+    return request.internal;
+}
+
+// A frame with `value` as its "v", and the value as read back.
+QVariant valueRead(const QString &value) {
+    return parsed(R"({"requesttype":"x","data":[],"v":)" + value + "}").value("v");
 }
 
 struct Interface {
@@ -139,6 +179,168 @@ private slots:
     void notJsonFails() {
         QFETCH(QString, frame);
         QVERIFY(parseFails(frame));
+    }
+
+    // Routing and kitchen printing compare "port" and "requesttype" by type as well as by
+    // value, so numbers keep exactly the types QJsonDocument gave them: an integral value
+    // that fits in 64 bits is a qlonglong however it is written, anything else a double.
+    void numbersKeepTheirTypes_data() {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QVariant>("expected");
+        QTest::newRow("integer") << "9100" << QVariant(qlonglong(9100));
+        QTest::newRow("integer with .0") << "9100.0" << QVariant(qlonglong(9100));
+        QTest::newRow("exponent") << "1e2" << QVariant(qlonglong(100));
+        QTest::newRow("capital exponent, fraction") << "91.00E2" << QVariant(qlonglong(9100));
+        QTest::newRow("minus zero") << "-0" << QVariant(qlonglong(0));
+        QTest::newRow("minus zero point zero") << "-0.0" << QVariant(qlonglong(0));
+        QTest::newRow("zero with a huge exponent") << "0e999999999999999999999" << QVariant(qlonglong(0));
+        QTest::newRow("largest qlonglong")
+            << "9223372036854775807" << QVariant(qlonglong(9223372036854775807LL));
+        QTest::newRow("one past the largest") << "9223372036854775808" << QVariant(9223372036854775808.0);
+        QTest::newRow("one below the smallest rounds to it")
+            << "-9223372036854775809" << QVariant(qlonglong(std::numeric_limits<qint64>::min()));
+        QTest::newRow("beyond 64 bits")
+            << "123456789012345678901234567890" << QVariant(1.2345678901234568e29);
+        QTest::newRow("above 2^53 stays exact")
+            << "9007199254740993" << QVariant(qlonglong(9007199254740993LL));
+        QTest::newRow("above 2^53 with .0 is rounded")
+            << "9007199254740993.0" << QVariant(qlonglong(9007199254740992LL));
+        QTest::newRow("fraction") << "1.5" << QVariant(1.5);
+        QTest::newRow("negative fraction") << "-2.25e-1" << QVariant(-0.225);
+        QTest::newRow("subnormal") << "1e-310" << QVariant(1e-310);
+        QTest::newRow("smallest subnormal") << "4.9e-324" << QVariant(4.9406564584124654e-324);
+        QTest::newRow("rounds up to the smallest subnormal") << "3e-324" << QVariant(4.9406564584124654e-324);
+        QTest::newRow("largest double") << "1.7976931348623157e308" << QVariant(1.7976931348623157e308);
+        // simdjson's own conversion made 1.0656669112868011 of this one.
+        QTest::newRow("long mantissa with exponent")
+            << "0.255018446744073709551616e5" << QVariant(25501.84467440737);
+        QTest::newRow("halfway rounds to even")
+            << "1.00000000000000011102230246251565404236316680908203125" << QVariant(qlonglong(1));
+    }
+    void numbersKeepTheirTypes() {
+        QFETCH(QString, text);
+        QFETCH(QVariant, expected);
+        const QVariant value = valueRead(text);
+        QCOMPARE(value.typeId(), expected.typeId());
+        if (expected.typeId() == QMetaType::Double) {
+            const double got = value.toDouble(), want = expected.toDouble();
+            QVERIFY2(std::memcmp(&got, &want, sizeof got) == 0,
+                     qPrintable(QString::number(got, 'g', 17) + " != " + QString::number(want, 'g', 17)));
+        } else {
+            QCOMPARE(value, expected);
+        }
+    }
+
+    // QJsonDocument refuses what does not fit a double rather than making it infinite or 0.
+    void numbersOutOfRangeFail_data() {
+        QTest::addColumn<QString>("text");
+        QTest::newRow("overflow") << "1e400";
+        QTest::newRow("negative overflow") << "-1e400";
+        QTest::newRow("just past the largest double") << "1.7976931348623159e308";
+        QTest::newRow("309 digits") << "1" + QString(309, u'0');
+        QTest::newRow("underflow") << "1e-400";
+        QTest::newRow("negative underflow") << "-1e-400";
+        QTest::newRow("rounds to zero") << "2e-324";
+        QTest::newRow("just under half the smallest subnormal") << "2.4703282292062327e-324";
+        QTest::newRow("long underflow") << "0." + QString(400, u'0') + "1";
+    }
+    void numbersOutOfRangeFail() {
+        QFETCH(QString, text);
+        QVERIFY(parseFails(R"({"requesttype":"x","data":[],"v":)" + text + "}"));
+        QVERIFY(reasonOf(serviceReading(R"({"requesttype":"x","data":[],"v":)" + text + "}"))
+                    .startsWith("request frame is not JSON"));
+    }
+
+    void bytesMayBeWrittenAsAnyIntegralNumber() {
+        const auto internal = serviceReading(R"({"requesttype":"x","data":[65.0,1e2,-0,2.55e2,0.0e9,7]})");
+        QCOMPARE(std::get<QVariantMap>(internal).value("data").toByteArray(),
+                 QByteArray("Ad\0\xff\0\x07", 6));
+    }
+
+    void fractionsTooSmallAreNotBytes() {
+        QCOMPARE(reasonOf(serviceReading(R"({"requesttype":"x","data":[1e-320]})")),
+                 QStringLiteral("request \"data\" is not an array of integers 0 to 255"));
+        QCOMPARE(reasonOf(serviceReading(R"({"requesttype":"x","data":[18446744073709551616]})")),
+                 QStringLiteral("request \"data\" is not an array of integers 0 to 255"));
+    }
+
+    void aKeyGivenTwiceKeepsItsLastValue() {
+        const QVariantMap internal = std::get<QVariantMap>(serviceReading(
+            R"({"requesttype":"print","data":[1],"port":1,"data":[2,3],"requesttype":"kitchenPrint","port":"9100"})"));
+        QCOMPARE(internal.value("data").toByteArray(), QByteArray("\x02\x03"));
+        QCOMPARE(internal.value("requesttype"), QVariant(QStringLiteral("kitchenPrint")));
+        QCOMPARE(internal.value("port"), QVariant(QStringLiteral("9100")));
+        QCOMPARE(reasonOf(serviceReading(R"({"requesttype":"x","data":[1],"data":"AB"})")),
+                 QStringLiteral("request \"data\" is not an array of integers 0 to 255"));
+        QCOMPARE(std::get<QVariantMap>(serviceReading(R"({"requesttype":"x","data":"AB","data":[9]})"))
+                     .value("data")
+                     .toByteArray(),
+                 QByteArray("\x09"));
+        const QVariantMap nested = parsed(R"({"data":[],"x":{"a":1,"a":[true,null]}})").value("x").toMap();
+        QCOMPARE(nested.value("a").toList(), (QVariantList{true, nullValue()}));
+    }
+
+    void escapedKeysAreTheKeysTheySpell() {
+        const QVariantMap internal = std::get<QVariantMap>(
+            serviceReading(R"({"requesttyp\u0065":"x","d\u0061ta":[7],"\u0069p":"a"})"));
+        QCOMPARE(internal.value("data").toByteArray(), QByteArray("\x07"));
+        QCOMPARE(internal.value("requesttype"), QVariant(QStringLiteral("x")));
+        QCOMPARE(internal.value("ip"), QVariant(QStringLiteral("a")));
+    }
+
+    void emptyTextsAreEmptyNotNull() {
+        const QVariantMap internal = std::get<QVariantMap>(serviceReading(R"({"requesttype":"","data":[]})"));
+        QCOMPARE(internal.value("requesttype").typeId(), QMetaType::QString);
+        QVERIFY(!internal.value("requesttype").toString().isNull()); // as QJsonDocument gives it
+        QCOMPARE(internal.value("data").toByteArray().size(), 0);
+    }
+
+    // The limit counts every value, scalars included, from 0 for the top-level object.
+    void nestingIsLimitedTo512Levels() {
+        const auto nested = [](int arrays) {
+            return R"({"requesttype":"x","data":[],"v":)" + QString(arrays, u'[') + "1" +
+                   QString(arrays, u']') + "}";
+        };
+        QVERIFY(!parseFails(nested(511))); // the 1 is 512 deep
+        QVERIFY(parseFails(nested(512)));
+        QVERIFY(!parseFails(R"({"requesttype":"x","data":[],"v":)" + QString(512, u'[') + QString(512, u']') +
+                            "}"));
+        QVERIFY(parseFails(R"({"requesttype":"x","data":[],"v":)" + QString(513, u'[') + QString(513, u']') +
+                           "}"));
+        QVERIFY(reasonOf(serviceReading(nested(512))).startsWith("request frame is not JSON"));
+    }
+
+    void refusalsSayWhy_data() {
+        QTest::addColumn<QString>("frame");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("non-ASCII") << QStringLiteral(R"({"requesttype":"x","data":[],"m":"한"})")
+                                   << "request frame contains a non-ASCII character U+D55C";
+        QTest::newRow("broken text") << R"({"requesttype":"x","data":[1,]})"
+                                     << "request frame is not JSON";
+        // A number alone is valid JSON, but QJsonDocument only ever read objects and arrays.
+        QTest::newRow("top-level number") << "12345678901234567890"
+                                          << "request frame is not JSON";
+        QTest::newRow("top-level string") << R"("kitchenPrint")"
+                                          << "request frame is not JSON";
+        QTest::newRow("top-level array") << R"([{"requesttype":"x","data":[1]}])"
+                                         << "request frame is not a JSON object";
+        QTest::newRow("broken top-level array") << "[1,"
+                                                << "request frame is not JSON";
+        QTest::newRow("value after the object") << R"({"requesttype":"x","data":[1]} {})"
+                                                << "request frame is not JSON";
+        QTest::newRow("no data") << R"({"requesttype":"x"})"
+                                 << "request has no \"data\"";
+        QTest::newRow("data not bytes") << R"({"requesttype":"x","data":[1,2,256]})"
+                                        << "request \"data\" is not an array of integers 0 to 255";
+        // A broken frame is refused as such even when its "data" is wrong before the fault.
+        QTest::newRow("wrong data, then broken text") << R"({"requesttype":"x","data":[256],"v":1.})"
+                                                      << "request frame is not JSON";
+    }
+    void refusalsSayWhy() {
+        QFETCH(QString, frame);
+        QFETCH(QString, reason);
+        const QString said = reasonOf(serviceReading(frame));
+        QVERIFY2(said.startsWith(reason), qPrintable(said));
     }
 
     void kitchenPrintNeverReadsTheInterface() {

@@ -14,13 +14,27 @@ struct RequestError {
     QString reason;
 };
 
-// Step one: the frame must be ASCII-only JSON whose top level is an object.
+// Step one: the frame must be ASCII-only JSON whose top level is an object. Numbers get the
+// types the service has always given them (QJsonDocument's), which other code relies on: an
+// integral value that fits in 64 bits is a qlonglong (65, 65.0, 1e2 and -0 alike), anything
+// else a double. A key given twice keeps its last value.
 std::variant<QVariantMap, RequestError> parseRequestObject(const QString &frameText);
 
 // Step two: the five-key dictionary the rest of the service works with. "data" becomes a
 // byte buffer; "ip", "port", "van" and "requesttype" keep their JSON types, and the ones
 // the POS left out are null (QVariant holding nullptr).
 std::variant<QVariantMap, RequestError> buildInternalRequest(const QVariantMap &requestObject);
+
+// Steps one and two in a single reading of the frame, as the service runs them: the same
+// internal request, or the same refusal, that parseRequestObject and then
+// buildInternalRequest give, but "data" goes from the text straight into bytes. A slip of
+// a megabyte is a million numbers, and a list of a million QVariants on the way would cost
+// more than reading the text.
+struct ParsedRequest {
+    QVariantMap object;   // the frame's keys as parseRequestObject reads them, "data" left out
+    QVariantMap internal; // the five-key dictionary
+};
+std::variant<ParsedRequest, RequestError> parseRequest(const QString &frameText);
 
 enum class RouteTarget { KitchenPrint, TCPcontrol, USBcontrol, Drop };
 

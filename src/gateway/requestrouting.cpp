@@ -21,10 +21,10 @@ template <typename T> T orStop(std::variant<T, RequestError> result) {
 void handleRequest(const QString &text) {
     logLine(QStringLiteral("RECV FIRED!!!:"));
 
-    const QVariantMap requestObject = orStop(parseRequestObject(text));
-    const QVariantMap internal = orStop(buildInternalRequest(requestObject));
+    const ParsedRequest request = orStop(parseRequest(text));
+    const QVariantMap &internal = request.internal;
     const RouteTarget target = orStop(routeFor(
-        requestObject, [] { return UserDefaults::standard().value(QStringLiteral("MAIN_INTERFACE")); }));
+        request.object, [] { return UserDefaults::standard().value(QStringLiteral("MAIN_INTERFACE")); }));
 
     switch (target) {
     case RouteTarget::KitchenPrint:
