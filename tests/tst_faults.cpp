@@ -886,6 +886,30 @@ private slots:
         QCOMPARE(printer.connections().first().received, cp(QStringLiteral("다른 프린터 1\n")));
         QVERIFY(stalled.queuedBytes() < order.size()); // the big order really is stuck
         QCOMPARE(pos.texts, QStringList());
+
+        // The stuck order is given up once the printer has taken nothing for 10 s: one line,
+        // and the connection (with the memory it holds) is let go.
+        const QString target = QStringLiteral("kitchen printer 127.0.0.1:%1: ").arg(stalled.port());
+        QElapsedTimer waited;
+        waited.start();
+        QVERIFY(waitUntil(
+            [&] {
+                for (const QString &line : service.stdoutLines())
+                    if (line.startsWith(target))
+                        return true;
+                return false;
+            },
+            20000));
+        qInfo("the stuck order was given up %lld ms after the next order printed",
+              static_cast<long long>(waited.elapsed()));
+        QVERIFY2(waited.elapsed() >= 7000, qPrintable(QString::number(waited.elapsed())));
+        QStringList stuckLines;
+        for (const QString &line : service.stdoutLines())
+            if (line.startsWith(target))
+                stuckLines << line;
+        QCOMPARE(stuckLines.size(), 1);
+        QVERIFY2(stuckLines.first().contains(QStringLiteral("took no more of the order for 10 s")),
+                 qPrintable(stuckLines.first()));
         VERIFY_SERVES_NEXT_ORDER(service);
     }
 

@@ -15,6 +15,8 @@ class KitchenPrintService {
 public:
     static constexpr int connectTimeoutMs = 1000;
     static constexpr int readTimeoutMs = 1000;
+    // A printer that stops taking the order's bytes for this long has failed the job.
+    static constexpr int sendStallTimeoutMs = 10'000;
     static constexpr qint64 readLimit = 10240;
 
     // Takes the internal request dictionary ("data" bytes, "ip" text, "port" any value).

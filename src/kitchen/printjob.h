@@ -66,6 +66,7 @@ private:
         }
         stage = Stage::Sending;
         remaining = payload->size();
+        timer.start(KitchenPrintService::sendStallTimeoutMs);
         socket.write(*payload);
     }
 
@@ -75,6 +76,8 @@ private:
         remaining -= written;
         if (remaining <= 0)
             startRead();
+        else
+            timer.start(KitchenPrintService::sendStallTimeoutMs); // it is still taking bytes
     }
 
     void startRead() {
@@ -109,6 +112,13 @@ private:
         if (stage == Stage::Connecting)
             fail(QStringLiteral("connection timed out after %1 s")
                      .arg(KitchenPrintService::connectTimeoutMs / 1000));
+        else if (stage == Stage::Sending)
+            // A printer that accepts the connection and then stops reading would hold the
+            // order, and its memory, for ever.
+            fail(QStringLiteral("the printer took no more of the order for %1 s (%2 of %3 bytes left)")
+                     .arg(KitchenPrintService::sendStallTimeoutMs / 1000)
+                     .arg(remaining)
+                     .arg(payload->size()));
         else if (stage == Stage::Reading)
             close();
     }
@@ -131,6 +141,13 @@ private:
     void onDisconnected() {
         if (stage == Stage::Done)
             deleteLater();
+        else if (stage == Stage::Sending)
+            // A printer that accepts the connection and then stops reading would hold the
+            // order, and its memory, for ever.
+            fail(QStringLiteral("the printer took no more of the order for %1 s (%2 of %3 bytes left)")
+                     .arg(KitchenPrintService::sendStallTimeoutMs / 1000)
+                     .arg(remaining)
+                     .arg(payload->size()));
         else if (stage == Stage::Reading)
             close();
     }

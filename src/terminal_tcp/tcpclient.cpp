@@ -51,7 +51,19 @@ void TcpClient::read(qint64 limit, int timeoutMs, ReadDone done) {
     // Bytes that came while nobody was reading wait in the socket, as they would in the
     // kernel for a blocking read; a connection that is already gone answers at once.
     if (socket.bytesAvailable() > 0 || socket.state() != QAbstractSocket::ConnectedState) {
-        deliverRead();
+        // A callback that reads again finds the next bytes at once; past a few levels the
+        // answer comes from the event loop instead, so that a terminal sending megabytes
+        // cannot stack one call per read.
+        if (nesting >= maxNesting)
+            QMetaObject::invokeMethod(
+                this,
+                [this] {
+                    if (step == Step::Reading)
+                        deliverRead();
+                },
+                Qt::QueuedConnection);
+        else
+            deliverRead();
         return;
     }
     timer.start(timeoutMs);
@@ -66,10 +78,12 @@ void TcpClient::deliverRead() {
     timer.stop();
     step = Step::Connected;
     const ReadDone done = std::exchange(readDone, nullptr);
+    ++nesting;
     if (socket.bytesAvailable() > 0)
         done(socket.read(readLimit));
     else
         done(std::nullopt);
+    --nesting;
 }
 
 void TcpClient::onDisconnected() {

@@ -60,6 +60,8 @@ private:
     Step step = Step::Idle;
     int connectTimeoutMs = 0;
     qint64 readLimit = 0;
+    int nesting = 0; // read callbacks under way on this stack
+    static constexpr int maxNesting = 16;
     ConnectDone connectDone;
     ReadDone readDone;
 };
