@@ -9,8 +9,8 @@
 //
 // Counts come from the environment (BENCH_PAYMENTS, BENCH_SERIAL_ANSWERS, BENCH_ORDERS,
 // BENCH_PRINTERS, BENCH_STARTS, BENCH_IDLE_SECONDS, BENCH_KIS_ANSWER_DELAY_MS), and
-// BENCH_CASES picks cases; the table
-// goes to standard output, progress and diagnostics to standard error.
+// BENCH_CASES picks cases; the table goes to standard output, progress and diagnostics to
+// standard error.
 #include "cp949.h"
 #include "ptyterminal.h"
 #include "terminalframes.h"
