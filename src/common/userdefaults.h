@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 #include <QVariant>
+#include <QVariantMap>
+#include <memory>
 #include <optional>
 
 // The user's settings, in $XDG_CONFIG_HOME/teranocounter/teranocounter.conf. Every read
@@ -12,6 +14,8 @@
 class UserDefaults {
 public:
     static UserDefaults &standard();
+    UserDefaults();
+    ~UserDefaults();
 
     std::optional<QVariant> value(const QString &key) const;
     std::optional<QString> string(const QString &key) const;
@@ -19,4 +23,10 @@ public:
     void remove(const QString &key);
     QStringList keys() const;
     QString fileName() const;
+
+private:
+    struct Cache;
+    QVariantMap snapshot() const;
+    void forget();
+    std::unique_ptr<Cache> cache;
 };
