@@ -57,3 +57,19 @@ public:
     virtual int indexOfSelectedItem() const = 0;
     virtual QString titleOfSelectedItem() const = 0;
 };
+
+// The two looks of a channel title: the active channel's is white on blue, the other
+// channel's blue on light grey. A page without its title outlet has nothing to paint.
+inline void showTitleSelected(TitleOutlet *title) {
+    if (!title)
+        return;
+    title->setBackgroundColor(PageColor::selectedBlue);
+    title->setTextColor(PageColor::white);
+}
+
+inline void showTitleDeselected(TitleOutlet *title) {
+    if (!title)
+        return;
+    title->setTextColor(PageColor::selectedBlue);
+    title->setBackgroundColor(PageColor::deselectedGrey);
+}

@@ -46,8 +46,7 @@ TcpPage::TcpPage(QWidget *parent)
     c.smartroLabel = &smartroOutlet;
 
     // Until the page appears as the active interface, its title has the other one's look.
-    titleOutlet.setBackgroundColor(PageColor::deselectedGrey);
-    titleOutlet.setTextColor(PageColor::selectedBlue);
+    showTitleDeselected(&titleOutlet);
 
     connect(title, &ClickableLabel::clicked, this, [&c] { c.titleLabelClicked(); });
     connect(popup, &QComboBox::activated, this, [&c] { c.deviceTypeChanged(); });

@@ -43,8 +43,7 @@ UsbPage::UsbPage(SerialPortManager &manager, QWidget *parent)
     c.deviceTypePopupButton = &deviceTypeOutlet;
 
     // Until USB is chosen the section looks and acts like the inactive interface.
-    titleOutlet.setTextColor(PageColor::selectedBlue);
-    titleOutlet.setBackgroundColor(PageColor::deselectedGrey);
+    showTitleDeselected(&titleOutlet);
     for (ControlOutlet *control : std::initializer_list<ControlOutlet *>{
              &portOutlet, &baudOutlet, &testButtonOutlet, &deviceTypeOutlet})
         control->setEnabled(false);

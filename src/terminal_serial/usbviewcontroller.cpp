@@ -179,17 +179,11 @@ void USBViewController::selectUsb() {
 }
 
 void USBViewController::showSelected() {
-    if (!titleLabel)
-        return;
-    titleLabel->setBackgroundColor(PageColor::selectedBlue);
-    titleLabel->setTextColor(PageColor::white);
+    showTitleSelected(titleLabel);
 }
 
 void USBViewController::showDeselected() {
-    if (titleLabel) {
-        titleLabel->setTextColor(PageColor::selectedBlue);
-        titleLabel->setBackgroundColor(PageColor::deselectedGrey);
-    }
+    showTitleDeselected(titleLabel);
     setControlsEnabled(false);
 }
 

@@ -168,17 +168,11 @@ void TCPViewController::notificationHandler(const QVariant &object) {
 }
 
 void TCPViewController::paintActive() {
-    if (!titleLabel)
-        return;
-    titleLabel->setBackgroundColor(PageColor::selectedBlue);
-    titleLabel->setTextColor(PageColor::white);
+    showTitleSelected(titleLabel);
 }
 
 void TCPViewController::paintInactive() {
-    if (titleLabel) {
-        titleLabel->setBackgroundColor(PageColor::deselectedGrey);
-        titleLabel->setTextColor(PageColor::selectedBlue);
-    }
+    showTitleDeselected(titleLabel);
     if (ipTextfield) {
         ipTextfield->setEditable(false);
         ipTextfield->setEnabled(false);
