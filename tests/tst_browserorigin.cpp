@@ -121,8 +121,8 @@ private slots:
         QCOMPARE(pos.value(QStringLiteral("opened")).toBool(), false);
 
         QVERIFY(waitUntil([&] { return service.stdoutLines().size() >= 2; }, 5000));
-        static const QRegularExpression refused(
-            QStringLiteral("^WebSocket handshake refused at \\S+: origin (\\S+) is not in WEBSOCKET_ALLOWED_ORIGINS$"));
+        static const QRegularExpression refused(QStringLiteral(
+            "^WebSocket handshake refused at \\S+: origin (\\S+) is not in WEBSOCKET_ALLOWED_ORIGINS$"));
         const QRegularExpressionMatch match = refused.match(service.stdoutLines().at(1));
         QVERIFY2(match.hasMatch(), qPrintable(service.stdoutLines().at(1)));
         QCOMPARE(match.captured(1), other.origin());

@@ -60,8 +60,10 @@ private slots:
         {
             StdoutCapture out;
             QTest::mouseClick(page->pinOriginButton(), Qt::LeftButton);
-            QCOMPARE(out.lines(), QStringList(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS: %1 allowed from the popover")
-                                                  .arg(posOrigin)));
+            QCOMPARE(
+                out.lines(),
+                QStringList(
+                    QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS: %1 allowed from the popover").arg(posOrigin)));
         }
         QCOMPARE(UserDefaults::standard().string(allowedKey), std::optional<QString>(posOrigin));
         QVERIFY(!page->pinOriginButton()->isEnabled());
@@ -97,11 +99,34 @@ private slots:
         QWebSocket terminalProgram;
         QVERIFY(connectPos(terminalProgram));
         QVERIFY(waitUntil(
-            [&] { return page->posConnectionLabel()->text() == QStringLiteral("POS 연결: no Origin header"); },
+            [&] {
+                return page->posConnectionLabel()->text() == QStringLiteral("POS 연결: no Origin header");
+            },
             3000));
         QVERIFY(!page->pinOriginButton()->isEnabled());
         QTest::mouseClick(page->pinOriginButton(), Qt::LeftButton);
         QVERIFY(!UserDefaults::standard().value(allowedKey));
+    }
+    void pageLetInBeforeTheListChangedIsClosedAtItsNextFrame() {
+        QWebSocket ad(QStringLiteral("http://ad.example"));
+        QVERIFY(connectPos(ad));
+        QVERIFY(waitUntil(
+            [&] { return page->posConnectionLabel()->text().endsWith(QStringLiteral("ad.example")); }, 3000));
+        // As `teranocounter --allow-origin` from a terminal would write it.
+        UserDefaults::standard().setValue(allowedKey, posOrigin);
+        StdoutCapture out;
+        ad.sendTextMessage(QStringLiteral(R"({"requesttype":"print","data":[65]})"));
+        QVERIFY(waitUntil([&] { return ad.state() == QAbstractSocket::UnconnectedState; }, 3000));
+        QCOMPARE(ad.closeCode(), QWebSocketProtocol::CloseCodePolicyViolated);
+        QStringList lines; // the service's, without the test framework's own messages
+        for (const QString &line : out.lines())
+            if (!line.startsWith(QLatin1String("QWARN")) && !line.startsWith(QLatin1String("QDEBUG")))
+                lines << line;
+        QCOMPARE(lines.size(), 1); // the frame went nowhere: no "RECV FIRED!!!:"
+        QVERIFY2(lines.first().startsWith(QStringLiteral("WebSocket connection closed at ")) &&
+                     lines.first().endsWith(
+                         QStringLiteral(": origin http://ad.example is not in WEBSOCKET_ALLOWED_ORIGINS")),
+                 qPrintable(lines.join(u'|')));
     }
 };
 

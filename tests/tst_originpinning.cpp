@@ -110,8 +110,9 @@ private slots:
             QStringLiteral("WEBSOCKET_PIN_FIRST_ORIGIN: pinned http://127.0.0.1:8080, the only origin "
                            "allowed from now on (WEBSOCKET_ALLOWED_ORIGINS)"),
             5000));
-        QVERIFY2(settingsText(service).contains(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS=http://127.0.0.1:8080")),
-                 qPrintable(settingsText(service)));
+        QVERIFY2(
+            settingsText(service).contains(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS=http://127.0.0.1:8080")),
+            qPrintable(settingsText(service)));
         QVERIFY(handshakeFrom("http://localhost:8080").startsWith("HTTP/1.1 403"));
         QVERIFY(handshakeFrom("http://127.0.0.1:8080").startsWith("HTTP/1.1 101"));
 
@@ -155,16 +156,17 @@ private slots:
             return printer.closedCount() == 1 && printer.connections().first().received == order;
         };
         QVERIFY(waitUntil([&] { return printed(withPort) && printed(anyPort) && printed(inRange); }, 10000));
-        QVERIFY(waitUntil([&] { return linesAbout(service.stdoutLines(), "KITCHEN_ALLOWED_PRINTERS").size() == 2; },
-                          5000));
+        QVERIFY(waitUntil(
+            [&] { return linesAbout(service.stdoutLines(), "KITCHEN_ALLOWED_PRINTERS").size() == 2; }, 5000));
         const QStringList refused = linesAbout(service.stdoutLines(), "KITCHEN_ALLOWED_PRINTERS");
-        QCOMPARE(refused,
-                 QStringList({QStringLiteral("kitchen printer 127.0.0.1:%1: not in KITCHEN_ALLOWED_PRINTERS, the "
-                                             "order was not sent")
-                                  .arg(otherPort.port()),
-                              QStringLiteral("kitchen printer 127.0.3.7:%1: not in KITCHEN_ALLOWED_PRINTERS, the "
-                                             "order was not sent")
-                                  .arg(outOfRange.port())}));
+        QCOMPARE(
+            refused,
+            QStringList({QStringLiteral("kitchen printer 127.0.0.1:%1: not in KITCHEN_ALLOWED_PRINTERS, the "
+                                        "order was not sent")
+                             .arg(otherPort.port()),
+                         QStringLiteral("kitchen printer 127.0.3.7:%1: not in KITCHEN_ALLOWED_PRINTERS, the "
+                                        "order was not sent")
+                             .arg(outOfRange.port())}));
         keepRunningFor(300); // a late connection would show here
         QCOMPARE(otherPort.connections().size(), 0);
         QCOMPARE(outOfRange.connections().size(), 0);

@@ -46,9 +46,10 @@ std::optional<QString> originProblem(const QString &text) {
     if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty() || !url.userInfo().isEmpty() ||
         url.hasQuery() || url.hasFragment())
         return QStringLiteral("\"%1\" is not an origin: %2").arg(text, form);
-    static const QList<QPair<QString, int>> defaultPorts{
-        {QStringLiteral("http"), 80}, {QStringLiteral("ws"), 80}, {QStringLiteral("https"), 443},
-        {QStringLiteral("wss"), 443}};
+    static const QList<QPair<QString, int>> defaultPorts{{QStringLiteral("http"), 80},
+                                                         {QStringLiteral("ws"), 80},
+                                                         {QStringLiteral("https"), 443},
+                                                         {QStringLiteral("wss"), 443}};
     QString canonical = url.scheme() + QStringLiteral("://");
     const QString host = url.host(QUrl::FullyEncoded);
     canonical += host.contains(u':') ? u'[' + host + u']' : host;

@@ -13,8 +13,9 @@ QString RefusedOrigins::shown(const QString &origin) {
 
 bool RefusedOrigins::note(const QString &origin, qint64 nowMs, const QDateTime &at) {
     const QString key = shown(origin);
-    recent.erase(std::remove_if(recent.begin(), recent.end(), [&](const Entry &e) { return e.origin == key; }),
-                 recent.end());
+    recent.erase(
+        std::remove_if(recent.begin(), recent.end(), [&](const Entry &e) { return e.origin == key; }),
+        recent.end());
     recent.prepend({key, at});
     while (recent.size() > shownCount)
         recent.removeLast();

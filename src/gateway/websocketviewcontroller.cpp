@@ -135,7 +135,7 @@ void WebSocketViewController::startWebSocketServer() {
             // Judged again now that the handshake is complete: another page may have been
             // pinned while this one's was under way.
             if (!OriginPolicy::allows(origin)) {
-                noteRefused(origin);
+                noteRefused(origin, QStringLiteral("WebSocket connection closed"));
                 socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
                 return;
             }
@@ -175,7 +175,7 @@ void WebSocketViewController::acceptTextFrame(QWebSocket *session, const QString
     // go at its next frame, which goes nowhere.
     const QString origin = session->origin();
     if (!origin.isEmpty() && !OriginPolicy::allows(origin)) {
-        noteRefused(origin);
+        noteRefused(origin, QStringLiteral("WebSocket connection closed"));
         session->close(QWebSocketProtocol::CloseCodePolicyViolated);
         return;
     }
@@ -274,18 +274,18 @@ bool WebSocketViewController::originAllowed(const QByteArray &origin) {
     const QString text = QString::fromUtf8(origin);
     if (OriginPolicy::allows(text))
         return true;
-    noteRefused(text);
+    noteRefused(text, QStringLiteral("WebSocket handshake refused"));
     return false;
 }
 
-void WebSocketViewController::noteRefused(const QString &origin) {
+void WebSocketViewController::noteRefused(const QString &origin, const QString &what) {
     const qint64 nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
                              std::chrono::steady_clock::now().time_since_epoch())
                              .count();
     const QDateTime now = QDateTime::currentDateTime();
     if (refusedOrigins.note(origin, nowMs, now))
-        logLine(QStringLiteral("WebSocket handshake refused at %1: origin %2 is not in %3")
-                    .arg(now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODate),
+        logLine(QStringLiteral("%1 at %2: origin %3 is not in %4")
+                    .arg(what, now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODate),
                          RefusedOrigins::shown(origin), OriginPolicy::allowedKey));
     showRefusedOrigins();
 }
@@ -320,8 +320,8 @@ void WebSocketViewController::pinOriginClicked() {
     if (!origin || origin->isEmpty() || OriginPolicy::originProblem(*origin))
         return;
     if (OriginPolicy::allowOrigin(*origin))
-        logLine(singleLine(QStringLiteral("%1: %2 allowed from the popover")
-                               .arg(OriginPolicy::allowedKey, *origin)));
+        logLine(singleLine(
+            QStringLiteral("%1: %2 allowed from the popover").arg(OriginPolicy::allowedKey, *origin)));
     closeConnectionsNotAllowed();
     showOriginState();
 }
@@ -368,7 +368,8 @@ void WebSocketViewController::showOriginState() {
             posConnectionLabel->setStringValue(QStringLiteral("POS 연결 대기"));
         else
             posConnectionLabel->setStringValue(
-                QStringLiteral("POS 연결: %1").arg(origin->isEmpty() ? noOriginText : RefusedOrigins::shown(*origin)));
+                QStringLiteral("POS 연결: %1")
+                    .arg(origin->isEmpty() ? noOriginText : RefusedOrigins::shown(*origin)));
     }
     if (allowedOriginsLabel)
         allowedOriginsLabel->setStringValue(

@@ -74,7 +74,8 @@ private:
     void deliverHeldAnswers(QWebSocket *socket);
     QHostAddress listenAddress() const;
     bool originAllowed(const QByteArray &origin);
-    void noteRefused(const QString &origin);
+    // `what` starts the line: a refused handshake, or a page let in earlier and now closed.
+    void noteRefused(const QString &origin, const QString &what);
     void pinFirstOrigin(const QString &origin);
     void closeConnectionsNotAllowed();
     QWebSocket *posSocket();

@@ -47,9 +47,9 @@ int runSettingsChores(const CommandLine &line) {
     }
     if (!line.originsToAllow.isEmpty()) {
         const QStringList allowed = OriginPolicy::allowedOrigins();
-        printLine(stdout, allowed.isEmpty()
-                              ? OriginPolicy::allowedKey + QStringLiteral(" is not set: every page may connect")
-                              : OriginPolicy::allowedKey + u'=' + allowed.join(u','));
+        printLine(stdout, allowed.isEmpty() ? OriginPolicy::allowedKey +
+                                                  QStringLiteral(" is not set: every page may connect")
+                                            : OriginPolicy::allowedKey + u'=' + allowed.join(u','));
     }
     if (line.printSettings) {
         QStringList keys = defaults.keys();
