@@ -8,6 +8,7 @@
 
 #include <QFile>
 #include <QRegularExpression>
+#include <QTcpServer>
 #include <QtTest>
 
 namespace {
@@ -38,6 +39,12 @@ QString settingsText(const ServiceProcess &service) {
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromUtf8(file.readAll());
+}
+
+QString pendingText(ServiceProcess &service) {
+    QByteArray out;
+    service.runToEnd({"--pending"}, &out);
+    return QString::fromUtf8(out);
 }
 
 } // namespace
@@ -172,6 +179,43 @@ private slots:
         QCOMPARE(outOfRange.connections().size(), 0);
         QVERIFY(service.isRunning());
         QVERIFY(service.stderrLines().isEmpty());
+    }
+    void orderKeptForAPrinterThatLeftTheListIsDroppedUnsent() {
+        QTcpServer probe; // a port nobody listens on yet: the order is kept for retry
+        QVERIFY(probe.listen(QHostAddress::LocalHost));
+        const quint16 port = probe.serverPort();
+        probe.close();
+
+        ServiceProcess service;
+        service.set(QStringLiteral("KITCHEN_RETRY_MINUTES"), QStringLiteral("5"));
+        PosClient pos;
+        QVERIFY(service.start());
+        QVERIFY(pos.open(gatewayPort));
+        pos.send(kitchenOrderFrame(QStringLiteral("KEPT\n"), port));
+        QVERIFY(waitUntil(
+            [&] { return pendingText(service).contains(QStringLiteral("kitchen order waiting")); }, 5000));
+        service.killHard();
+
+        FakePrinter dropped, listed;
+        QVERIFY(dropped.listen(port));
+        QVERIFY(listed.listen());
+        service.set(QStringLiteral("KITCHEN_ALLOWED_PRINTERS"),
+                    QStringLiteral("127.0.0.1:%1").arg(listed.port()));
+        QVERIFY(service.start());
+        QVERIFY(service.waitForStdoutLine(
+            QStringLiteral(
+                "kitchen printer 127.0.0.1:%1: not in KITCHEN_ALLOWED_PRINTERS, the order was not sent")
+                .arg(port),
+            5000));
+        QVERIFY(waitUntil(
+            [&] { return pendingText(service).startsWith(QStringLiteral("nothing is waiting")); }, 5000));
+
+        PosClient next;
+        QVERIFY(next.open(gatewayPort));
+        next.send(kitchenOrderFrame(QStringLiteral("LISTED\n"), listed.port()));
+        QVERIFY(waitUntil([&] { return listed.closedCount() == 1; }, 5000));
+        QCOMPARE(listed.connections().first().received, QByteArray("LISTED\n"));
+        QCOMPARE(dropped.connections().size(), 0);
     }
 };
 
