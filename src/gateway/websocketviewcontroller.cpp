@@ -109,6 +109,10 @@ WebSocketViewController::~WebSocketViewController() {
     // Before any member goes: a response posted now must not reach a half-destroyed gateway.
     if (responseObserver)
         NotificationCenter::defaultCenter().removeObserver(responseObserver);
+    // Sockets still open go with the server, after the members their signals would reach.
+    for (const QPointer<QWebSocket> &socket : std::as_const(openConnections))
+        if (socket)
+            disconnect(socket, nullptr, this, nullptr);
 }
 
 void WebSocketViewController::viewDidLoad() {
