@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QRegularExpression>
 #include <QTcpServer>
+#include <QWebSocket>
 #include <QtTest>
 
 namespace {
@@ -216,6 +217,25 @@ private slots:
         QVERIFY(waitUntil([&] { return listed.closedCount() == 1; }, 5000));
         QCOMPARE(listed.connections().first().received, QByteArray("LISTED\n"));
         QCOMPARE(dropped.connections().size(), 0);
+    }
+    void pinningTheFirstOriginClosesOtherSitesPagesLetInBefore() {
+        ServiceProcess service;
+        QVERIFY(service.start());
+        QWebSocket ad(QStringLiteral("http://ad.example"));
+        ad.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/").arg(gatewayPort)));
+        QVERIFY(waitUntil([&] { return ad.state() == QAbstractSocket::ConnectedState; }, 5000));
+
+        // Turned on while the service runs: the next browser origin is the shop's.
+        service.set(QStringLiteral("WEBSOCKET_PIN_FIRST_ORIGIN"), QStringLiteral("true"));
+        QWebSocket pos(QStringLiteral("http://127.0.0.1:8080"));
+        pos.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/").arg(gatewayPort)));
+        QVERIFY(waitUntil([&] { return ad.state() == QAbstractSocket::UnconnectedState; }, 5000));
+        QCOMPARE(ad.closeCode(), QWebSocketProtocol::CloseCodePolicyViolated);
+        QVERIFY(waitUntil([&] { return pos.state() == QAbstractSocket::ConnectedState; }, 5000));
+        keepRunningFor(200); // the pinned page stays
+        QCOMPARE(pos.state(), QAbstractSocket::ConnectedState);
+        QVERIFY(settingsText(service).contains(
+            QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS=http://127.0.0.1:8080")));
     }
 };
 
