@@ -367,12 +367,12 @@ std::optional<QString> WebSocketViewController::posOrigin() {
 void WebSocketViewController::showOriginState() {
     const QStringList allowed = OriginPolicy::allowedOrigins();
     const std::optional<QString> origin = posOrigin();
-    if (posConnectionLabel) {
+    if (posOriginLabel) {
         if (!origin)
-            posConnectionLabel->setStringValue(QStringLiteral("POS 연결 대기"));
+            posOriginLabel->setStringValue(QStringLiteral("POS Origin: 연결 없음"));
         else
-            posConnectionLabel->setStringValue(
-                QStringLiteral("POS 연결: %1")
+            posOriginLabel->setStringValue(
+                QStringLiteral("POS Origin: %1")
                     .arg(origin->isEmpty() ? noOriginText : RefusedOrigins::shown(*origin)));
     }
     if (allowedOriginsLabel)

@@ -57,6 +57,9 @@ public:
     TextLabel *websocketLabel = nullptr;
     TextLabel *posConnectionLabel = nullptr;
     // The page's origin controls; a controller without a page (the tests') has none.
+    // posConnectionLabel keeps the page's own text; the connected POS's origin has a label
+    // of its own.
+    TextLabel *posOriginLabel = nullptr;
     TextLabel *allowedOriginsLabel = nullptr;
     TextLabel *refusedOriginsLabel = nullptr;
     ControlOutlet *pinOriginButton = nullptr;

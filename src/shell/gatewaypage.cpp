@@ -7,10 +7,10 @@
 
 GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     : QWidget(parent), statusLabel(new QLabel(QStringLiteral("서비스 준비"), this)),
-      connectionLabel(new QLabel(QStringLiteral("POS 연결 대기"), this)), allowedLabel(new QLabel(this)),
+      connectionLabel(new QLabel(QStringLiteral("POS 연결 대기"), this)), originLabel(new QLabel(this)), allowedLabel(new QLabel(this)),
       refusedLabel(new QLabel(this)), pinButton(new QPushButton(QStringLiteral("이 POS만 허용"), this)),
       clearButton(new QPushButton(QStringLiteral("허용 목록 비우기"), this)), statusOutlet(statusLabel),
-      connectionOutlet(connectionLabel), allowedOutlet(allowedLabel), refusedOutlet(refusedLabel),
+      connectionOutlet(connectionLabel), originOutlet(originLabel), allowedOutlet(allowedLabel), refusedOutlet(refusedLabel),
       pinOutlet(pinButton), clearOutlet(clearButton),
       viewController(std::make_unique<WebSocketViewController>(port)) {
     auto *layout = new QVBoxLayout(this);
@@ -20,6 +20,7 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     layout->addWidget(title);
     layout->addWidget(statusLabel);
     layout->addWidget(connectionLabel);
+    layout->addWidget(originLabel);
     layout->addWidget(allowedLabel);
     auto *buttons = new QHBoxLayout;
     buttons->addWidget(pinButton);
@@ -29,7 +30,7 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     layout->addWidget(refusedLabel);
 
     // Origins are text from outside: shown as text, never as rich text, and free to wrap.
-    for (QLabel *label : {connectionLabel, allowedLabel, refusedLabel}) {
+    for (QLabel *label : {originLabel, allowedLabel, refusedLabel}) {
         label->setTextFormat(Qt::PlainText);
         label->setWordWrap(true);
     }
@@ -39,6 +40,7 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     WebSocketViewController &c = *viewController;
     c.websocketLabel = &statusOutlet;
     c.posConnectionLabel = &connectionOutlet;
+    c.posOriginLabel = &originOutlet;
     c.allowedOriginsLabel = &allowedOutlet;
     c.refusedOriginsLabel = &refusedOutlet;
     c.pinOriginButton = &pinOutlet;

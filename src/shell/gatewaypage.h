@@ -26,6 +26,7 @@ public:
     WebSocketViewController &controller() { return *viewController; }
     QLabel *websocketLabel() const { return statusLabel; }
     QLabel *posConnectionLabel() const { return connectionLabel; }
+    QLabel *posOriginLabel() const { return originLabel; }
     QLabel *allowedOriginsLabel() const { return allowedLabel; }
     QLabel *refusedOriginsLabel() const { return refusedLabel; }
     QPushButton *pinOriginButton() const { return pinButton; }
@@ -34,12 +35,14 @@ public:
 private:
     QLabel *statusLabel;
     QLabel *connectionLabel;
+    QLabel *originLabel;
     QLabel *allowedLabel;
     QLabel *refusedLabel;
     QPushButton *pinButton;
     QPushButton *clearButton;
     LabelOutlet statusOutlet;
     LabelOutlet connectionOutlet;
+    LabelOutlet originOutlet;
     LabelOutlet allowedOutlet;
     LabelOutlet refusedOutlet;
     ButtonOutlet pinOutlet;
