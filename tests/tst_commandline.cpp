@@ -46,6 +46,23 @@ private slots:
         QVERIFY(clear.listPending && clear.clearPending);
         QVERIFY(parseCommandLine({"teranocounter", "--clear"}).error.contains("--pending"));
     }
+
+    void allowOriginAndItsClearing() {
+        const CommandLine line =
+            parseCommandLine({"teranocounter", "--allow-origin", "http://192.168.0.20:8080",
+                              "--allow-origin=https://pos.example", "--allow-origin", ""});
+        QVERIFY(line.error.isEmpty());
+        QCOMPARE(line.originsToAllow, QStringList({"http://192.168.0.20:8080", "https://pos.example", ""}));
+    }
+
+    void allowOriginThatNoBrowserSendsIsRefused() {
+        QVERIFY(parseCommandLine({"teranocounter", "--allow-origin"}).error.contains("--allow-origin"));
+        const CommandLine slash =
+            parseCommandLine({"teranocounter", "--allow-origin", "http://pos.example/"});
+        QVERIFY(slash.error.contains("http://pos.example"));
+        QVERIFY(slash.originsToAllow.isEmpty());
+        QVERIFY(!parseCommandLine({"teranocounter", "--allow-origin", "pos.example"}).error.isEmpty());
+    }
 };
 
 QTEST_APPLESS_MAIN(CommandLineTest)

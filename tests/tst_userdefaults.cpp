@@ -53,6 +53,24 @@ private slots:
         QVERIFY(!UserDefaults::standard().value(QStringLiteral("TCP_IP")));
         QVERIFY(!UserDefaults::standard().keys().contains(QStringLiteral("TCP_IP")));
     }
+
+    void listReadsCommaTextAndHandEditedLists() {
+        UserDefaults &defaults = UserDefaults::standard();
+        QVERIFY(!defaults.list(QStringLiteral("NEVER_WRITTEN")));
+        defaults.setValue(QStringLiteral("SOME_LIST"), QStringLiteral(" a ,b,, c "));
+        QCOMPARE(defaults.list(QStringLiteral("SOME_LIST")), std::optional<QStringList>({"a", "b", "c"}));
+        defaults.setValue(QStringLiteral("SOME_LIST"), QString());
+        QCOMPARE(defaults.list(QStringLiteral("SOME_LIST")), std::optional<QStringList>(QStringList()));
+        // An editor's unquoted "x, y" is read back by QSettings as a string list.
+        QFile file(defaults.fileName());
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write("[General]\nSOME_LIST=x, y\n");
+        QVERIFY(file.setFileTime(QDateTime::currentDateTime().addSecs(7), QFileDevice::FileModificationTime));
+        file.close();
+        QCOMPARE(defaults.value(QStringLiteral("SOME_LIST"))->typeId(), QMetaType::QStringList);
+        QCOMPARE(defaults.list(QStringLiteral("SOME_LIST")), std::optional<QStringList>({"x", "y"}));
+        defaults.remove(QStringLiteral("SOME_LIST"));
+    }
 };
 
 QTEST_APPLESS_MAIN(UserDefaultsTest)

@@ -105,6 +105,19 @@ std::optional<QString> UserDefaults::string(const QString &key) const {
     return v->toString();
 }
 
+std::optional<QStringList> UserDefaults::list(const QString &key) const {
+    const std::optional<QVariant> v = value(key);
+    if (!v)
+        return std::nullopt;
+    const QStringList parts =
+        v->typeId() == QMetaType::QStringList ? v->toStringList() : v->toString().split(u',');
+    QStringList entries;
+    for (const QString &part : parts)
+        if (!part.trimmed().isEmpty())
+            entries << part.trimmed();
+    return entries;
+}
+
 void UserDefaults::setValue(const QString &key, const QVariant &value) {
     const auto settings = open();
     settings->setValue(key, value);

@@ -19,6 +19,10 @@ public:
 
     std::optional<QVariant> value(const QString &key) const;
     std::optional<QString> string(const QString &key) const;
+    // A comma-separated setting as its entries, each trimmed, blanks left out; nothing when
+    // unset. A hand-edited INI file turns an unquoted comma list into a string list, which
+    // reads the same.
+    std::optional<QStringList> list(const QString &key) const;
     void setValue(const QString &key, const QVariant &value);
     void remove(const QString &key);
     QStringList keys() const;

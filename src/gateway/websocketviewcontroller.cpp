@@ -4,7 +4,9 @@
 #include "log.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
+#include "originpolicy.h"
 #include "pendingstore.h"
+#include "printerallowlist.h"
 #include "requestrouting.h"
 #include "userdefaults.h"
 
@@ -13,6 +15,7 @@
 #include <QJsonObject>
 #include <QThread>
 #include <QWebSocket>
+#include <chrono>
 #include <cmath>
 
 namespace {
@@ -106,6 +109,10 @@ WebSocketViewController::~WebSocketViewController() {
     // Before any member goes: a response posted now must not reach a half-destroyed gateway.
     if (responseObserver)
         NotificationCenter::defaultCenter().removeObserver(responseObserver);
+    // Sockets still open go with the server, after the members their signals would reach.
+    for (const QPointer<QWebSocket> &socket : std::as_const(openConnections))
+        if (socket)
+            disconnect(socket, nullptr, this, nullptr);
 }
 
 void WebSocketViewController::viewDidLoad() {
@@ -115,17 +122,39 @@ void WebSocketViewController::viewDidLoad() {
     // A store that cannot be opened is said at start, not at the first lost answer.
     if (holdUndeliveredAnswers())
         PendingStore::shared();
+    PrinterAllowList::reportInvalidEntries();
     startWebSocketServer();
+    showOriginState();
+    showRefusedOrigins();
+}
+
+void WebSocketViewController::viewDidAppear() {
+    showOriginState();
 }
 
 void WebSocketViewController::startWebSocketServer() {
     server.addWebSocketRoute(HttpServer::exactPath("/"), [this](QWebSocket *socket) {
+        const QString origin = socket->origin();
+        if (!origin.isEmpty()) {
+            // Judged again now that the handshake is complete: another page may have been
+            // pinned while this one's was under way.
+            if (!OriginPolicy::allows(origin)) {
+                noteRefused(origin, QStringLiteral("WebSocket connection closed"));
+                socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
+                return;
+            }
+            pinFirstOrigin(origin);
+        }
         connect(socket, &QWebSocket::textMessageReceived, this,
                 [this, socket](const QString &text) { acceptTextFrame(socket, text); });
         // Binary frames are not part of the POS protocol: no answer, and the sender is
         // not remembered.
         openConnections.append(socket);
-        connect(socket, &QObject::destroyed, this, [this] { openConnections.removeAll(nullptr); });
+        connect(socket, &QObject::destroyed, this, [this] {
+            openConnections.removeAll(nullptr);
+            showOriginState();
+        });
+        showOriginState();
         if (holdUndeliveredAnswers())
             deliverHeldAnswers(socket);
     });
@@ -146,6 +175,15 @@ void WebSocketViewController::startWebSocketServer() {
 }
 
 void WebSocketViewController::acceptTextFrame(QWebSocket *session, const QString &text) {
+    // A page let in before its origin left the list (changed from a terminal, say) is let
+    // go at its next frame, which goes nowhere.
+    const QString origin = session->origin();
+    if (!origin.isEmpty() && !OriginPolicy::allows(origin)) {
+        noteRefused(origin, QStringLiteral("WebSocket connection closed"));
+        session->close(QWebSocketProtocol::CloseCodePolicyViolated);
+        return;
+    }
+    bool changed = false;
     {
         QMutexLocker lock(&sessionMutex);
         if (wsSession != session) {
@@ -153,9 +191,12 @@ void WebSocketViewController::acceptTextFrame(QWebSocket *session, const QString
             if (wsSession)
                 wsSession->close();
             wsSession = session;
+            changed = true;
         }
         sessionHeld = true;
     }
+    if (changed)
+        showOriginState();
     handleRequest(text);
 }
 
@@ -233,19 +274,129 @@ QHostAddress WebSocketViewController::listenAddress() const {
     return QHostAddress::LocalHost;
 }
 
-bool WebSocketViewController::originAllowed(const QByteArray &origin) const {
-    const std::optional<QVariant> setting =
-        UserDefaults::standard().value(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS"));
-    if (!setting)
+bool WebSocketViewController::originAllowed(const QByteArray &origin) {
+    const QString text = QString::fromUtf8(origin);
+    if (OriginPolicy::allows(text))
         return true;
-    // A hand-edited INI file turns an unquoted comma list into a string list.
-    QStringList allowed;
-    const QStringList parts = setting->typeId() == QMetaType::QStringList ? setting->toStringList()
-                                                                          : setting->toString().split(u',');
-    for (const QString &part : parts)
-        if (!part.trimmed().isEmpty())
-            allowed << part.trimmed();
-    if (allowed.isEmpty())
-        return true;
-    return allowed.contains(QString::fromUtf8(origin));
+    noteRefused(text, QStringLiteral("WebSocket handshake refused"));
+    return false;
+}
+
+void WebSocketViewController::noteRefused(const QString &origin, const QString &what) {
+    const qint64 nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                             std::chrono::steady_clock::now().time_since_epoch())
+                             .count();
+    const QDateTime now = QDateTime::currentDateTime();
+    if (refusedOrigins.note(origin, nowMs, now))
+        logLine(QStringLiteral("%1 at %2: origin %3 is not in %4")
+                    .arg(what, now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODate),
+                         RefusedOrigins::shown(origin), OriginPolicy::allowedKey));
+    showRefusedOrigins();
+}
+
+void WebSocketViewController::pinFirstOrigin(const QString &origin) {
+    if (!OriginPolicy::pinFirstOrigin() || !OriginPolicy::allowedOrigins().isEmpty())
+        return;
+    // Any site can make a page whose origin is "null" (a sandboxed frame), and a client that
+    // is not a browser can send anything: neither is pinned without the owner.
+    std::optional<QString> problem = OriginPolicy::originProblem(origin);
+    if (!problem && origin == QLatin1String("null"))
+        problem = QStringLiteral("local files and sandboxed frames of any site send it; pin it from the "
+                                 "popover if the POS is a local file");
+    if (problem) {
+        if (!notPinned.contains(origin) && notPinned.size() < 100) {
+            notPinned.insert(origin);
+            logLine(QStringLiteral("%1: origin %2 is not pinned: %3")
+                        .arg(OriginPolicy::pinFirstKey, RefusedOrigins::shown(origin), singleLine(*problem)));
+        }
+        return;
+    }
+    OriginPolicy::allowOrigin(origin);
+    logLine(singleLine(QStringLiteral("%1: pinned %2, the only origin allowed from now on (%3)")
+                           .arg(OriginPolicy::pinFirstKey, origin, OriginPolicy::allowedKey)));
+    // Pages of other sites that were let in while nothing was pinned go now.
+    closeConnectionsNotAllowed();
+    showOriginState();
+}
+
+void WebSocketViewController::pinOriginClicked() {
+    const std::optional<QString> origin = posOrigin();
+    if (!origin || origin->isEmpty() || OriginPolicy::originProblem(*origin))
+        return;
+    if (OriginPolicy::allowOrigin(*origin))
+        logLine(singleLine(
+            QStringLiteral("%1: %2 allowed from the popover").arg(OriginPolicy::allowedKey, *origin)));
+    closeConnectionsNotAllowed();
+    showOriginState();
+}
+
+void WebSocketViewController::clearOriginsClicked() {
+    if (!OriginPolicy::allowedOrigins().isEmpty()) {
+        OriginPolicy::clearAllowedOrigins();
+        logLine(QStringLiteral("%1 cleared from the popover: every origin is allowed")
+                    .arg(OriginPolicy::allowedKey));
+    }
+    showOriginState();
+}
+
+void WebSocketViewController::closeConnectionsNotAllowed() {
+    const QList<QPointer<QWebSocket>> open = openConnections;
+    for (const QPointer<QWebSocket> &socket : open)
+        if (socket && !socket->origin().isEmpty() && !OriginPolicy::allows(socket->origin()))
+            socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
+}
+
+QWebSocket *WebSocketViewController::posSocket() {
+    {
+        QMutexLocker lock(&sessionMutex);
+        if (wsSession && wsSession->state() == QAbstractSocket::ConnectedState)
+            return wsSession;
+    }
+    for (auto it = openConnections.crbegin(); it != openConnections.crend(); ++it)
+        if (*it && (*it)->state() == QAbstractSocket::ConnectedState)
+            return *it;
+    return nullptr;
+}
+
+std::optional<QString> WebSocketViewController::posOrigin() {
+    if (QWebSocket *socket = posSocket())
+        return socket->origin();
+    return std::nullopt;
+}
+
+void WebSocketViewController::showOriginState() {
+    const QStringList allowed = OriginPolicy::allowedOrigins();
+    const std::optional<QString> origin = posOrigin();
+    if (posOriginLabel) {
+        if (!origin)
+            posOriginLabel->setStringValue(QStringLiteral("POS Origin: 연결 없음"));
+        else
+            posOriginLabel->setStringValue(
+                QStringLiteral("POS Origin: %1")
+                    .arg(origin->isEmpty() ? noOriginText : RefusedOrigins::shown(*origin)));
+    }
+    if (allowedOriginsLabel)
+        allowedOriginsLabel->setStringValue(
+            allowed.isEmpty() ? QStringLiteral("허용된 Origin: 모두 (목록 없음)")
+                              : QStringLiteral("허용된 Origin: %1").arg(allowed.join(QStringLiteral(", "))));
+    if (pinOriginButton)
+        pinOriginButton->setEnabled(origin && !origin->isEmpty() && !OriginPolicy::originProblem(*origin) &&
+                                    !allowed.contains(*origin));
+    if (clearOriginsButton)
+        clearOriginsButton->setEnabled(!allowed.isEmpty());
+}
+
+void WebSocketViewController::showRefusedOrigins() {
+    if (!refusedOriginsLabel)
+        return;
+    const QList<RefusedOrigins::Entry> &latest = refusedOrigins.latest();
+    if (latest.isEmpty()) {
+        refusedOriginsLabel->setStringValue(QStringLiteral("거부된 연결 없음"));
+        return;
+    }
+    QStringList lines{QStringLiteral("거부된 연결 (최근):")};
+    for (const RefusedOrigins::Entry &entry : latest)
+        lines << QStringLiteral("%1  %2").arg(entry.at.toString(QStringLiteral("HH:mm:ss")), entry.origin);
+    refusedOriginsLabel->setStringValue(lines.join(u'\n'));
+    refusedOriginsLabel->setTextColor(Qt::darkRed);
 }

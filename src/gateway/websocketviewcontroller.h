@@ -3,13 +3,17 @@
 #include "httpserver.h"
 #include "kitchenprintservice.h"
 #include "notificationcenter.h"
+#include "outlets.h"
+#include "refusedorigins.h"
 #include "textlabel.h"
 
 #include <QHostAddress>
 #include <QMutex>
 #include <QObject>
 #include <QPointer>
+#include <QSet>
 #include <QVariant>
+#include <optional>
 
 class QWebSocket;
 
@@ -30,6 +34,16 @@ public:
     void startWebSocketServer();
     void acceptTextFrame(QWebSocket *session, const QString &text);
     void notificationHandler(const QVariant &object);
+    // The page was shown: the allowed origins may have been changed from a terminal.
+    void viewDidAppear();
+
+    // The page's buttons. "Pin" adds the connected POS's origin to WEBSOCKET_ALLOWED_ORIGINS
+    // and closes every connection the list no longer allows; "clear" removes the list.
+    void pinOriginClicked();
+    void clearOriginsClicked();
+    // The Origin header of the POS the page shows: the connection that sent the latest
+    // frame, or else the latest to connect. An empty text: it sent none. Nothing: no POS.
+    std::optional<QString> posOrigin();
 
     HttpServer server;
     // The POS that receives responses. Once a POS has sent a frame, a session stays held
@@ -42,6 +56,17 @@ public:
     KitchenPrintService kitchenPrint;
     TextLabel *websocketLabel = nullptr;
     TextLabel *posConnectionLabel = nullptr;
+    // The page's origin controls; a controller without a page (the tests') has none.
+    // posConnectionLabel keeps the page's own text; the connected POS's origin has a label
+    // of its own.
+    TextLabel *posOriginLabel = nullptr;
+    TextLabel *allowedOriginsLabel = nullptr;
+    TextLabel *refusedOriginsLabel = nullptr;
+    ControlOutlet *pinOriginButton = nullptr;
+    ControlOutlet *clearOriginsButton = nullptr;
+    RefusedOrigins refusedOrigins;
+
+    static inline const QString noOriginText = QStringLiteral("no Origin header");
 
     // With HOLD_UNDELIVERED_ANSWERS, an answer that finds no POS waits this long at most.
     static constexpr qint64 heldAnswerLifetimeMs = 24LL * 60 * 60 * 1000;
@@ -51,10 +76,18 @@ private:
     void writeResponse(const QPointer<QWebSocket> &session, const QString &text);
     void deliverHeldAnswers(QWebSocket *socket);
     QHostAddress listenAddress() const;
-    bool originAllowed(const QByteArray &origin) const;
+    bool originAllowed(const QByteArray &origin);
+    // `what` starts the line: a refused handshake, or a page let in earlier and now closed.
+    void noteRefused(const QString &origin, const QString &what);
+    void pinFirstOrigin(const QString &origin);
+    void closeConnectionsNotAllowed();
+    QWebSocket *posSocket();
+    void showOriginState();
+    void showRefusedOrigins();
 
     quint16 port;
     QList<QPointer<QWebSocket>> openConnections; // upgraded and not yet gone, oldest first
     QMutex sessionMutex;
     NotificationCenter::Token responseObserver = 0;
+    QSet<QString> notPinned; // origins WEBSOCKET_PIN_FIRST_ORIGIN has said it will not pin
 };

@@ -4,6 +4,7 @@
 #include "fatal.h"
 #include "kitchenretryqueue.h"
 #include "log.h"
+#include "printerallowlist.h"
 #include "printjob.h"
 #include "textform.h"
 
@@ -41,6 +42,10 @@ void KitchenPrintService::deliverToPrinter(const QString &address, const QString
             singleLine(QStringLiteral("kitchen printer %1:%2: port out of range").arg(address).arg(*port)));
         return;
     }
+    // Before anything is kept or a connection is tried: a destination the shop has not
+    // listed gets nothing, not even a connection attempt.
+    if (!PrinterAllowList::permits(address, static_cast<quint16>(*port)))
+        return;
     // A shop that keeps undelivered orders gets them retried until the printer is back;
     // text that cannot be printed is never kept, and stops the service as it always has.
     if (payload && KitchenRetryQueue::instance().enqueue(address, static_cast<quint16>(*port), *payload))

@@ -23,7 +23,8 @@ public:
     // Checks it, prepares the payload and queues the delivery, then returns.
     void printKitchenOrder(const QVariantMap &request) const;
 
-    // The queued delivery: parses the port, connects (1 s), sends the whole payload once,
+    // The queued delivery: parses the port, sends nothing to a destination that
+    // KITCHEN_ALLOWED_PRINTERS leaves out, connects (1 s), sends the whole payload once,
     // waits up to 1 s for anything the printer says and discards it, then closes.
     static void deliverToPrinter(const QString &address, const QString &portText,
                                  const std::optional<QByteArray> &payload);

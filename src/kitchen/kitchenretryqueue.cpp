@@ -1,6 +1,7 @@
 #include "kitchenretryqueue.h"
 
 #include "log.h"
+#include "printerallowlist.h"
 #include "printjob.h"
 #include "textform.h"
 #include "userdefaults.h"
@@ -119,6 +120,14 @@ void KitchenRetryQueue::sendNext(Printer &printer) {
                            .arg(describeAge(age))));
         if (store)
             store->removeOrder(head.id);
+        printer.queue.removeFirst();
+        printer.nextRetryMs = firstRetryMs;
+    }
+    // Orders kept by an earlier run, or before the printer left KITCHEN_ALLOWED_PRINTERS, go
+    // only where the list allows now.
+    while (!printer.queue.isEmpty() && !PrinterAllowList::permits(printer.address, printer.port)) {
+        if (store)
+            store->removeOrder(printer.queue.first().id);
         printer.queue.removeFirst();
         printer.nextRetryMs = firstRetryMs;
     }

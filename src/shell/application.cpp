@@ -6,6 +6,7 @@
 #include "log.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
+#include "originpolicy.h"
 #include "pendingstore.h"
 #include "singleinstance.h"
 #include "userdefaults.h"
@@ -38,6 +39,18 @@ int runSettingsChores(const CommandLine &line) {
     UserDefaults &defaults = UserDefaults::standard();
     for (const auto &[key, value] : line.settingsToWrite)
         defaults.setValue(key, value);
+    for (const QString &origin : line.originsToAllow) {
+        if (origin.isEmpty())
+            OriginPolicy::clearAllowedOrigins();
+        else
+            OriginPolicy::allowOrigin(origin);
+    }
+    if (!line.originsToAllow.isEmpty()) {
+        const QStringList allowed = OriginPolicy::allowedOrigins();
+        printLine(stdout, allowed.isEmpty() ? OriginPolicy::allowedKey +
+                                                  QStringLiteral(" is not set: every page may connect")
+                                            : OriginPolicy::allowedKey + u'=' + allowed.join(u','));
+    }
     if (line.printSettings) {
         QStringList keys = defaults.keys();
         keys.sort();
@@ -120,7 +133,7 @@ int runTeranoCounter(int argc, char **argv) {
         std::fputs(usageText().toUtf8().constData(), stdout);
         return 0;
     }
-    if (!line.settingsToWrite.isEmpty() || line.printSettings)
+    if (!line.settingsToWrite.isEmpty() || !line.originsToAllow.isEmpty() || line.printSettings)
         return runSettingsChores(line);
     if (line.listPending)
         return runPendingChores(line);

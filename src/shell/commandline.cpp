@@ -1,5 +1,7 @@
 #include "commandline.h"
 
+#include "originpolicy.h"
+
 CommandLine parseCommandLine(const QStringList &arguments) {
     CommandLine line;
     for (qsizetype i = 1; i < arguments.size(); ++i) {
@@ -31,6 +33,25 @@ CommandLine parseCommandLine(const QStringList &arguments) {
                 return line;
             }
             line.settingsToWrite.append({assignment.left(equals), assignment.mid(equals + 1)});
+        } else if (argument == QLatin1String("--allow-origin") ||
+                   argument.startsWith(QLatin1String("--allow-origin="))) {
+            QString origin;
+            if (argument == QLatin1String("--allow-origin")) {
+                if (i + 1 >= arguments.size()) {
+                    line.error = QStringLiteral("--allow-origin needs an origin, or '' to clear the list");
+                    return line;
+                }
+                origin = arguments[++i];
+            } else {
+                origin = argument.mid(15);
+            }
+            // An origin that no browser sends would lock out the POS without a word.
+            if (!origin.isEmpty())
+                if (const std::optional<QString> problem = OriginPolicy::originProblem(origin)) {
+                    line.error = QStringLiteral("--allow-origin: ") + *problem;
+                    return line;
+                }
+            line.originsToAllow << origin;
         } else {
             line.error = QStringLiteral("unknown argument \"%1\" (try --help)").arg(argument);
             return line;
@@ -43,9 +64,13 @@ CommandLine parseCommandLine(const QStringList &arguments) {
 
 QString usageText() {
     return QStringLiteral(
-        "Usage: teranocounter [--headless] [--set KEY=VALUE]... [--settings] [--pending [--clear]]\n"
+        "Usage: teranocounter [--headless] [--set KEY=VALUE]... [--allow-origin ORIGIN]... [--settings]\n"
+        "                     [--pending [--clear]]\n"
         "  --headless        run without a tray icon (also chosen when no system tray is available)\n"
         "  --set KEY=VALUE   write a setting and exit (repeatable), e.g. --set MAIN_INTERFACE=TCP\n"
+        "  --allow-origin ORIGIN  let only pages from ORIGIN (and those already listed) connect,\n"
+        "                    e.g. --allow-origin http://192.168.0.20:8080, then exit (repeatable);\n"
+        "                    --allow-origin '' clears the list so that every page may connect\n"
         "  --settings        print the settings as KEY=VALUE lines, then exit\n"
         "  --pending         list the answers and kitchen orders waiting to be delivered, then exit\n"
         "  --pending --clear the same, then remove them\n");

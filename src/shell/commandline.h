@@ -12,6 +12,7 @@ struct CommandLine {
     bool listPending = false;                       // --pending
     bool clearPending = false;                      // --pending --clear
     QList<QPair<QString, QString>> settingsToWrite; // from --set KEY=VALUE, in order
+    QStringList originsToAllow;                     // from --allow-origin, in order; "" clears the list
     QString error;                                  // non-empty when the arguments cannot be used
 };
 

@@ -1,28 +1,51 @@
 #pragma once
 
 #include "labeloutlet.h"
+#include "websocketviewcontroller.h"
+#include "widgetoutlets.h"
 
 #include <QWidget>
 #include <memory>
 
 class QLabel;
-class WebSocketViewController;
+class QPushButton;
 
-// The popover's gateway page: shows whether the POS server is up. Loading the page is
-// what starts the server.
+// The popover's gateway page: shows whether the POS server is up, which site the connected
+// POS page comes from, which sites may connect, and the latest refused ones; its buttons
+// pin the connected POS's site or clear the list. Loading the page is what starts the
+// server.
 class GatewayPage : public QWidget {
     Q_OBJECT
 public:
-    explicit GatewayPage(QWidget *parent = nullptr);
+    explicit GatewayPage(QWidget *parent = nullptr, quint16 port = WebSocketViewController::defaultPort);
     ~GatewayPage() override;
+
+    // The page was shown.
+    void appear();
 
     WebSocketViewController &controller() { return *viewController; }
     QLabel *websocketLabel() const { return statusLabel; }
+    QLabel *posConnectionLabel() const { return connectionLabel; }
+    QLabel *posOriginLabel() const { return originLabel; }
+    QLabel *allowedOriginsLabel() const { return allowedLabel; }
+    QLabel *refusedOriginsLabel() const { return refusedLabel; }
+    QPushButton *pinOriginButton() const { return pinButton; }
+    QPushButton *clearOriginsButton() const { return clearButton; }
 
 private:
     QLabel *statusLabel;
     QLabel *connectionLabel;
+    QLabel *originLabel;
+    QLabel *allowedLabel;
+    QLabel *refusedLabel;
+    QPushButton *pinButton;
+    QPushButton *clearButton;
     LabelOutlet statusOutlet;
     LabelOutlet connectionOutlet;
+    LabelOutlet originOutlet;
+    LabelOutlet allowedOutlet;
+    LabelOutlet refusedOutlet;
+    ButtonOutlet pinOutlet;
+    ButtonOutlet clearOutlet;
     std::unique_ptr<WebSocketViewController> viewController;
 };

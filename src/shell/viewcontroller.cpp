@@ -102,6 +102,8 @@ void ViewController::loadViewIfNeeded() {
 }
 
 void ViewController::viewDidAppear() {
+    if (gateway)
+        gateway->appear();
     if (tcp)
         tcp->appear();
 }

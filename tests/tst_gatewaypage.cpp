@@ -1,0 +1,136 @@
+// The gateway page in the popover as the shop owner uses it, on Qt's offscreen platform:
+// real widgets and clicks, a real WebSocket POS, and the settings file.
+#include "gatewaypage.h"
+#include "posclient.h"
+#include "stdoutcapture.h"
+#include "userdefaults.h"
+#include "wait.h"
+#include "websocketviewcontroller.h"
+
+#include <QApplication>
+#include <QLabel>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QWebSocket>
+#include <QtTest>
+
+namespace {
+const QString allowedKey = QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS");
+const QString posOrigin = QStringLiteral("http://192.168.0.20:8080");
+} // namespace
+
+class GatewayPageTest : public QObject {
+    Q_OBJECT
+    QTemporaryDir config;
+    std::unique_ptr<GatewayPage> page;
+    quint16 port = 0;
+
+    bool connectPos(QWebSocket &pos) {
+        pos.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/").arg(port)));
+        return waitUntil([&] { return pos.state() == QAbstractSocket::ConnectedState; }, 5000);
+    }
+
+private slots:
+    void initTestCase() { qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path())); }
+
+    void init() {
+        UserDefaults::standard().remove(allowedKey);
+        page = std::make_unique<GatewayPage>(nullptr, 0);
+        port = page->controller().server.serverPort();
+        QVERIFY(port != 0);
+        page->show();
+        QVERIFY(QTest::qWaitForWindowExposed(page.get()));
+    }
+
+    void cleanup() {
+        page.reset();
+        UserDefaults::standard().remove(allowedKey);
+    }
+
+    void pinButtonWritesTheConnectedPosOriginAndClearOpensAgain() {
+        QCOMPARE(page->posOriginLabel()->text(), QStringLiteral("POS Origin: 연결 없음"));
+        QVERIFY(!page->pinOriginButton()->isEnabled());
+        QVERIFY(!page->clearOriginsButton()->isEnabled());
+
+        QWebSocket pos(posOrigin);
+        QVERIFY(connectPos(pos));
+        QVERIFY(waitUntil([&] { return page->pinOriginButton()->isEnabled(); }, 3000));
+        QCOMPARE(page->posOriginLabel()->text(), QStringLiteral("POS Origin: ") + posOrigin);
+        // The page's own connection label is never written.
+        QCOMPARE(page->posConnectionLabel()->text(), QStringLiteral("POS 연결 대기"));
+
+        {
+            StdoutCapture out;
+            QTest::mouseClick(page->pinOriginButton(), Qt::LeftButton);
+            QCOMPARE(
+                out.lines(),
+                QStringList(
+                    QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS: %1 allowed from the popover").arg(posOrigin)));
+        }
+        QCOMPARE(UserDefaults::standard().string(allowedKey), std::optional<QString>(posOrigin));
+        QVERIFY(!page->pinOriginButton()->isEnabled());
+        QVERIFY(page->clearOriginsButton()->isEnabled());
+        QVERIFY(page->allowedOriginsLabel()->text().contains(posOrigin));
+
+        // The pinned POS stays connected; a page from elsewhere is refused and shown.
+        QVERIFY(rawHandshake(port, "/", "Origin: http://ad.example\r\n").startsWith("HTTP/1.1 403"));
+        QVERIFY(rawHandshake(port, "/", "Origin: " + posOrigin.toUtf8() + "\r\n").startsWith("HTTP/1.1 101"));
+        QVERIFY(page->refusedOriginsLabel()->text().contains(QStringLiteral("http://ad.example")));
+        QCOMPARE(pos.state(), QAbstractSocket::ConnectedState);
+
+        QTest::mouseClick(page->clearOriginsButton(), Qt::LeftButton);
+        QVERIFY(!UserDefaults::standard().value(allowedKey));
+        QVERIFY(!page->clearOriginsButton()->isEnabled());
+        QVERIFY(rawHandshake(port, "/", "Origin: http://ad.example\r\n").startsWith("HTTP/1.1 101"));
+    }
+
+    void pinningClosesTheOtherSitesPagesAlreadyIn() {
+        QWebSocket ad(QStringLiteral("http://ad.example"));
+        QVERIFY(connectPos(ad));
+        QWebSocket pos(posOrigin);
+        QVERIFY(connectPos(pos));
+        // No frame sent yet: the page shows the latest to connect.
+        QVERIFY(waitUntil([&] { return page->posOriginLabel()->text().endsWith(posOrigin); }, 3000));
+        QTest::mouseClick(page->pinOriginButton(), Qt::LeftButton);
+        QVERIFY(waitUntil([&] { return ad.state() == QAbstractSocket::UnconnectedState; }, 3000));
+        QCOMPARE(ad.closeCode(), QWebSocketProtocol::CloseCodePolicyViolated);
+        QCOMPARE(pos.state(), QAbstractSocket::ConnectedState);
+    }
+
+    void clientWithoutOriginIsShownAsSuchAndCannotBePinned() {
+        QWebSocket terminalProgram;
+        QVERIFY(connectPos(terminalProgram));
+        QVERIFY(waitUntil(
+            [&] {
+                return page->posOriginLabel()->text() == QStringLiteral("POS Origin: no Origin header");
+            },
+            3000));
+        QVERIFY(!page->pinOriginButton()->isEnabled());
+        QTest::mouseClick(page->pinOriginButton(), Qt::LeftButton);
+        QVERIFY(!UserDefaults::standard().value(allowedKey));
+    }
+    void pageLetInBeforeTheListChangedIsClosedAtItsNextFrame() {
+        QWebSocket ad(QStringLiteral("http://ad.example"));
+        QVERIFY(connectPos(ad));
+        QVERIFY(waitUntil(
+            [&] { return page->posOriginLabel()->text().endsWith(QStringLiteral("ad.example")); }, 3000));
+        // As `teranocounter --allow-origin` from a terminal would write it.
+        UserDefaults::standard().setValue(allowedKey, posOrigin);
+        StdoutCapture out;
+        ad.sendTextMessage(QStringLiteral(R"({"requesttype":"print","data":[65]})"));
+        QVERIFY(waitUntil([&] { return ad.state() == QAbstractSocket::UnconnectedState; }, 3000));
+        QCOMPARE(ad.closeCode(), QWebSocketProtocol::CloseCodePolicyViolated);
+        QStringList lines; // the service's, without the test framework's own messages
+        for (const QString &line : out.lines())
+            if (!line.startsWith(QLatin1String("QWARN")) && !line.startsWith(QLatin1String("QDEBUG")))
+                lines << line;
+        QCOMPARE(lines.size(), 1); // the frame went nowhere: no "RECV FIRED!!!:"
+        QVERIFY2(lines.first().startsWith(QStringLiteral("WebSocket connection closed at ")) &&
+                     lines.first().endsWith(
+                         QStringLiteral(": origin http://ad.example is not in WEBSOCKET_ALLOWED_ORIGINS")),
+                 qPrintable(lines.join(u'|')));
+    }
+};
+
+QTEST_MAIN(GatewayPageTest)
+#include "tst_gatewaypage.moc"
