@@ -12,7 +12,7 @@
 // BENCH_CASES picks cases; the table goes to standard output, progress and diagnostics to
 // standard error.
 #include "cp949.h"
-#include "ptyterminal.h"
+#include "pseudoterminal.h"
 #include "terminalframes.h"
 #include "wait.h"
 
@@ -882,11 +882,11 @@ bool holdsOpen(pid_t pid, const QString &device) {
 void serialAnswerLatency(int runs) {
     const QString name = QStringLiteral("serial answer: last byte written → frame at the POS (TS-132N, pty)");
     QString why;
-    PtyTerminal terminal;
+    devsim::PseudoTerminal terminal;
     QTemporaryDir dir;
     if (!terminal.isValid() || !dir.isValid())
         return failedRow(name, QStringLiteral("no pseudo-terminal"));
-    PortLink link(dir.filePath(QStringLiteral("card-terminal")));
+    devsim::PortLink link(dir.filePath(QStringLiteral("card-terminal")));
     if (!link.plug(terminal))
         return failedRow(name, QStringLiteral("no link to the pseudo-terminal"));
 

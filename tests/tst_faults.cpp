@@ -4,8 +4,8 @@
 // after a setting is written. None of these is a deliberate stop, so every case ends the
 // same way: the service is still running and serves the next POS request.
 #include "cp949.h"
-#include "fakeprinter.h"
-#include "faketerminal.h"
+#include "printer.h"
+#include "scriptedterminal.h"
 #include "localaddresses.h"
 #include "posclient.h"
 #include "processusage.h"
@@ -264,19 +264,19 @@ struct TerminalCase {
     QString requestType;
     quint16 port = 0;
     QByteArray request;
-    QList<FakeTerminal::Step> script;
+    QList<devsim::ScriptedTerminal::Step> script;
 };
 
 } // namespace
 
-Q_DECLARE_METATYPE(QList<FakeTerminal::Step>)
+Q_DECLARE_METATYPE(QList<devsim::ScriptedTerminal::Step>)
 
 class FaultsTest : public QObject {
     Q_OBJECT
 
     // Sends `request` from a fresh POS page to a fake terminal running `script` on
     // loopback (MAIN_INTERFACE=TCP), and waits until the terminal has the request.
-    void startExchange(ServiceProcess &service, PosClient &pos, FakeTerminal &terminal,
+    void startExchange(ServiceProcess &service, PosClient &pos, devsim::ScriptedTerminal &terminal,
                        const TerminalCase &c) {
         QVERIFY(terminal.listen(c.port, QHostAddress::LocalHost));
         terminal.setScript(c.script);
@@ -304,7 +304,7 @@ private slots:
     }
     void largeKitchenOrderReachesThePrinterIntact() {
         QFETCH(qsizetype, frameSize);
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         const SizedOrder order = sizedKitchenOrder(frameSize, printer.port(),
                                                    QStringLiteral("주문: 김치찌개 2, 똠얌꿍 1, 콜라 3\n"));
@@ -346,7 +346,7 @@ private slots:
     }
 
     void kitchenOrderOneByteOver16MiBIsRefusedWith1009() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         const SizedOrder order =
             sizedKitchenOrder(16 * MiB + 1, printer.port(), QStringLiteral("김치찌개 1\n"));
@@ -395,7 +395,7 @@ private slots:
     }
 
     void requestSentOneBytePerSegmentIsServed() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         QVERIFY(service.start());
@@ -421,7 +421,7 @@ private slots:
     }
 
     void twoHundredStalledHandshakesLeaveThePosServed() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         QVERIFY(service.start());
@@ -465,10 +465,10 @@ private slots:
 
     void fiveHundredOpenConnectionsAndTheSenderGetsItsAnswer() {
         const QByteArray request("\x02PAY500\x03");
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000, QHostAddress::LocalHost));
-        kis.setScript({FakeTerminal::awaitBytes(request.size()), FakeTerminal::reply("\x06"),
-                       FakeTerminal::reply(kisResult(cp(QStringLiteral("승인 500"))), 100)});
+        kis.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("\x06"),
+                       devsim::ScriptedTerminal::reply(kisResult(cp(QStringLiteral("승인 500"))), 100)});
         ServiceProcess service;
         QVERIFY(configureTcp(service));
         QVERIFY(service.start());
@@ -532,14 +532,14 @@ private slots:
         QFETCH(quint16, port);
         QFETCH(QByteArray, request);
         QFETCH(QString, line);
-        FakeTerminal terminal; // takes the connection, then says nothing
+        devsim::ScriptedTerminal terminal; // takes the connection, then says nothing
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, terminal, {van, requestType, port, request, {}});
         if (QTest::currentTestFailed())
             return;
         QVERIFY(waitUntil([&] { return terminal.closedCount() == 1; }, 5000));
-        const FakeTerminal::Connection &c = terminal.connections().first();
+        const devsim::ScriptedTerminal::Connection &c = terminal.connections().first();
         const qint64 held = c.closedAtMs - c.receivedAtMs.last();
         qInfo("closed %lld ms after the request", static_cast<long long>(held));
         QVERIFY2(held >= 900 && held <= 3000, qPrintable(QString::number(held)));
@@ -555,8 +555,8 @@ private slots:
         // runs one script for every connection, so the request decides which one it is.
         const QByteArray silent("\x02PAY\x03");
         const QByteArray answered("\x02PAY-2\x03");
-        FakeTerminal kis;
-        FakePrinter printer;
+        devsim::ScriptedTerminal kis;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;
@@ -565,8 +565,8 @@ private slots:
                        "payment",
                        5000,
                        silent,
-                       {FakeTerminal::awaitBytes(answered.size()), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply(kisResult(cp(QStringLiteral("승인 2"))), 100)}});
+                       {devsim::ScriptedTerminal::awaitBytes(answered.size()), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply(kisResult(cp(QStringLiteral("승인 2"))), 100)}});
         if (QTest::currentTestFailed())
             return;
         keepRunningFor(1500); // past the first reply's second: now it waits up to 300 s
@@ -595,10 +595,10 @@ private slots:
     void terminalThatHangsUpInTheMiddleOfAnAnswer_data() {
         QTest::addColumn<QString>("van");
         QTest::addColumn<quint16>("port");
-        QTest::addColumn<QList<FakeTerminal::Step>>("script");
+        QTest::addColumn<QList<devsim::ScriptedTerminal::Step>>("script");
         QTest::addColumn<QString>("posText"); // null: the POS gets nothing
         QTest::addColumn<QString>("line");
-        using T = FakeTerminal;
+        using T = devsim::ScriptedTerminal;
         // KIS has no frame check: what came before the hang-up is the answer, its last
         // byte cut as if it were the ETX.
         QTest::newRow("KIS, cut after a character")
@@ -635,10 +635,10 @@ private slots:
     void terminalThatHangsUpInTheMiddleOfAnAnswer() {
         QFETCH(QString, van);
         QFETCH(quint16, port);
-        QFETCH(QList<FakeTerminal::Step>, script);
+        QFETCH(QList<devsim::ScriptedTerminal::Step>, script);
         QFETCH(QString, posText);
         QFETCH(QString, line);
-        FakeTerminal terminal;
+        devsim::ScriptedTerminal terminal;
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, terminal, {van, "payment", port, QByteArray("\x02PAY\x03"), script});
@@ -720,7 +720,7 @@ private slots:
     }
 
     void kisAnswerOfOneMebibyteReachesThePosCutToTheReadLimit() {
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, kis,
@@ -728,8 +728,8 @@ private slots:
                        "payment",
                        5000,
                        QByteArray("\x02PAY\x03"),
-                       {FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply("\x02"
+                       {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply("\x02"
                                             "AB" +
                                                 QByteArray(MiB - 4, 'x') + "\x03",
                                             200)}});
@@ -751,7 +751,7 @@ private slots:
     }
 
     void kiccReplyOfOneMebibyteIsDiscarded() {
-        FakeTerminal kicc;
+        devsim::ScriptedTerminal kicc;
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, kicc,
@@ -759,7 +759,7 @@ private slots:
                        "payment",
                        13189,
                        QByteArray("\x02KICC\x03"),
-                       {FakeTerminal::awaitBytes(6), FakeTerminal::reply(QByteArray(MiB, 'x'), 100)}});
+                       {devsim::ScriptedTerminal::awaitBytes(6), devsim::ScriptedTerminal::reply(QByteArray(MiB, 'x'), 100)}});
         if (QTest::currentTestFailed())
             return;
         QVERIFY(waitUntil([&] { return kicc.closedCount() == 1; }, 5000));
@@ -769,7 +769,7 @@ private slots:
     }
 
     void smartroFloodOfOneMebibyteIsAcknowledgedThenTimesOut() {
-        FakeTerminal smartro;
+        devsim::ScriptedTerminal smartro;
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, smartro,
@@ -777,8 +777,8 @@ private slots:
                        "payment",
                        5501,
                        QByteArray("\x02SMT\x03"),
-                       {FakeTerminal::awaitBytes(5), FakeTerminal::reply("FIRST", 50),
-                        FakeTerminal::reply(QByteArray(MiB, 'x'), 100)}});
+                       {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("FIRST", 50),
+                        devsim::ScriptedTerminal::reply(QByteArray(MiB, 'x'), 100)}});
         if (QTest::currentTestFailed())
             return;
         // Read 10240 bytes at a time, each read a reply without DLE: acknowledged, and the
@@ -833,7 +833,7 @@ private slots:
         QVERIFY(closed.listen(QHostAddress::LocalHost));
         const quint16 refusing = closed.serverPort();
         closed.close();
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;
@@ -866,7 +866,7 @@ private slots:
         if (2 * orderSize + 200 > 16 * MiB)
             QSKIP("this kernel's TCP send buffer is too large for an order of at most 16 MiB to fill");
         const QByteArray order = "김치찌개 1\n" + QByteArray(orderSize, '\t');
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;
@@ -917,10 +917,10 @@ private slots:
 
     void settingWrittenWhileRunningSurvivesSigkill() {
         const QByteArray request("\x02PAY\x03");
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000, QHostAddress::LocalHost));
-        kis.setScript({FakeTerminal::awaitBytes(request.size()), FakeTerminal::reply("\x06"),
-                       FakeTerminal::reply(kisResult("OK 1"), 50)});
+        kis.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("\x06"),
+                       devsim::ScriptedTerminal::reply(kisResult("OK 1"), 50)});
         ServiceProcess service;
         QVERIFY(service.start());
         QCOMPARE(service.runToEnd({"--set", "MAIN_INTERFACE=TCP", "--set", "TCP_IP=127.0.0.1"}), 0);

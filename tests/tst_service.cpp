@@ -1,7 +1,7 @@
 // The real `teranocounter --headless`, seen from outside: a POS on ws://127.0.0.1:49999/,
 // printers on loopback, its standard output and its settings file.
 #include "blackhole.h"
-#include "fakeprinter.h"
+#include "printer.h"
 #include "localaddress.h"
 #include "posclient.h"
 #include "servicefixture.h"
@@ -23,7 +23,7 @@ private slots:
     void init() { QVERIFY2(!ServiceProcess::gatewayAcceptsConnections(), "port 49999 is already in use"); }
 
     void kitchenOrderReachesThePrinterInCodePage949() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen(9100));
         ServiceProcess service;
         PosClient pos;
@@ -43,7 +43,7 @@ private slots:
     }
 
     void tenOrdersToASilentPrinterAllArriveWithinOneSecond() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;
@@ -86,7 +86,7 @@ private slots:
         QCOMPARE(pos.texts.size(), 0);
 
         // and the next order still prints
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         pos.send(kitchenOrderFrame(QStringLiteral("OK\n"), printer.port()));
         QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
@@ -161,7 +161,7 @@ private slots:
     }
 
     void kitchenOrderPrintsWhileNoInterfaceIsSet() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         QVERIFY(service.start());
@@ -246,7 +246,7 @@ private slots:
     }
 
     void messageOver16MiBIsRefusedWith1009AndTheServiceGoesOn() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         QVERIFY(service.start());
@@ -307,7 +307,7 @@ private slots:
     }
     void portAsNumberOrStringPrintsTheSame() {
         QFETCH(QString, portTemplate);
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;

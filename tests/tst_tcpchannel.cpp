@@ -2,7 +2,7 @@
 // KIS and SMARTRO terminals on loopback, the answer listeners on loopback, and the bus.
 #include "blackhole.h"
 #include "cp949.h"
-#include "faketerminal.h"
+#include "scriptedterminal.h"
 #include "forked.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
@@ -31,10 +31,10 @@ QByteArray cp(const QString &text) {
 
 // Empty when the service closed the terminal's only connection 0.9 to 1.6 s after the
 // request's last byte (a one-second read that got nothing); otherwise what happened.
-QString closedAboutOneSecondAfterTheRequest(const FakeTerminal &terminal) {
+QString closedAboutOneSecondAfterTheRequest(const devsim::ScriptedTerminal &terminal) {
     if (!waitUntil([&] { return terminal.closedCount() == 1; }, 3000))
         return QStringLiteral("the connection was not closed");
-    const FakeTerminal::Connection &c = terminal.connections().first();
+    const devsim::ScriptedTerminal::Connection &c = terminal.connections().first();
     const qint64 held = c.closedAtMs - c.receivedAtMs.last();
     return held >= 900 && held <= 1600 ? QString()
                                        : QStringLiteral("closed %1 ms after the request").arg(held);
@@ -52,7 +52,7 @@ class TcpChannelTest : public QObject {
     QList<QVariantMap> answers;
     QList<QVariantMap> usbMessages;
     std::unique_ptr<StdoutCapture> capture;
-    std::unique_ptr<FakeTerminal> kicc, kis, smartro;
+    std::unique_ptr<devsim::ScriptedTerminal> kicc, kis, smartro;
     std::unique_ptr<TCPViewController> controller;
     RecordingTitle title;
     RecordingTextField ipField;
@@ -123,9 +123,9 @@ private slots:
         popup.addItemsWithTitles(TCPViewController::vendors);
         kiccLabel = {};
         smartroLabel = {};
-        kicc = std::make_unique<FakeTerminal>();
-        kis = std::make_unique<FakeTerminal>();
-        smartro = std::make_unique<FakeTerminal>();
+        kicc = std::make_unique<devsim::ScriptedTerminal>();
+        kis = std::make_unique<devsim::ScriptedTerminal>();
+        smartro = std::make_unique<devsim::ScriptedTerminal>();
         QVERIFY(kicc->listen() && kis->listen() && smartro->listen());
         capture = std::make_unique<StdoutCapture>();
     }
@@ -158,7 +158,7 @@ private slots:
         load();
         const QByteArray bytes("\x02REQ\x00\xff\x03", 7);
         post(request(van, bytes));
-        FakeTerminal *expected = std::array{kicc.get(), kis.get(), smartro.get()}[terminal];
+        devsim::ScriptedTerminal *expected = std::array{kicc.get(), kis.get(), smartro.get()}[terminal];
         QVERIFY(waitUntil(
             [&] {
                 return !expected->connections().isEmpty() &&
@@ -288,7 +288,7 @@ private slots:
                  qPrintable(channelLines().first()));
         QVERIFY(channelLines().first().contains("refused", Qt::CaseInsensitive));
         QCOMPARE(answers.size(), 0);
-        kis = std::make_unique<FakeTerminal>(); // for cleanup
+        kis = std::make_unique<devsim::ScriptedTerminal>(); // for cleanup
     }
 
     void connectThatNeverCompletesEndsAfterOneSecond() {
@@ -308,7 +308,7 @@ private slots:
     // ---- KICC
 
     void kiccReplyIsDiscardedAndTheConnectionClosed() {
-        kicc->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06RECEIVED")});
+        kicc->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06RECEIVED")});
         load();
         post(request("KICC", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return kicc->closedCount() == 1; }, 3000));
@@ -330,8 +330,8 @@ private slots:
     // ---- KIS
 
     void kisAnswerWithHangulReachesThePos() {
-        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply(QByteArray("\x02"
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply(QByteArray("\x02"
                                                        "AB") +
                                                 cp(QStringLiteral("승인 완료 1234")) + '\x03',
                                             200)});
@@ -344,8 +344,8 @@ private slots:
     }
 
     void kisPrintEndsWithTheFirstReply() {
-        kis->setScript({FakeTerminal::awaitBytes(1), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply("\x02"
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(1), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply("\x02"
                                             "ABLATE\x03",
                                             300)});
         load();
@@ -358,8 +358,8 @@ private slots:
     }
 
     void kisRequestWithDleAtIndexTwoNeverWaits() {
-        kis->setScript({FakeTerminal::awaitBytes(4), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply("\x02"
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(4), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply("\x02"
                                             "ABLATE\x03",
                                             300)});
         load();
@@ -386,8 +386,8 @@ private slots:
 
     void kisWaitForTheCustomerDoesNotEndEarly() {
         // Longer than every other wait of the channel; the 300 s itself is not sat out.
-        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply("\x02"
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply("\x02"
                                             "ABPAID\x03",
                                             6500)});
         load();
@@ -400,7 +400,7 @@ private slots:
     }
 
     void kisWithoutFirstReplyStillWaitsForTheAnswer() {
-        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x02"
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x02"
                                                                          "ABPAID\x03",
                                                                          2000)});
         load();
@@ -410,8 +410,8 @@ private slots:
     }
 
     void kisAcknowledgementInsteadOfAnAnswerEndsQuietly() {
-        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x15"),
-                        FakeTerminal::reply("\x06"
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x15"),
+                        devsim::ScriptedTerminal::reply("\x06"
                                             "ABCDEF",
                                             200)});
         load();
@@ -423,8 +423,8 @@ private slots:
     }
 
     void kisAnswerOfFourBytesIsAnEmptyAnswer() {
-        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply("\x02"
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply("\x02"
                                             "AB\x03",
                                             200)});
         load();
@@ -434,8 +434,8 @@ private slots:
     }
 
     void kisAnswerThatIsNotCodePage949PrintsEucFailed() {
-        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply(QByteArray("\x02"
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply(QByteArray("\x02"
                                                        "AB\xff\xff\x03",
                                                        6),
                                             200)});
@@ -447,7 +447,7 @@ private slots:
     }
 
     void kisTerminalHangingUpWhileTheCustomerIsThereEndsQuietly() {
-        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"), FakeTerminal::hangUp(300)});
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"), devsim::ScriptedTerminal::hangUp(300)});
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
@@ -457,7 +457,7 @@ private slots:
     }
 
     void kisAnswerWaitThatRunsOutEndsQuietly() {
-        kis->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06")});
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06")});
         ExchangeTimings shortWait;
         shortWait.kisAnswerMs = 500;
         load(shortWait);
@@ -479,7 +479,7 @@ private slots:
     }
 
     void smartroSilenceAfterTheFirstReplyTimesOutAfterFiveSeconds() {
-        smartro->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06")});
+        smartro->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06")});
         load();
         post(request("SMARTRO", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return smartro->closedCount() == 1; }, 9000));
@@ -493,10 +493,10 @@ private slots:
 
     void smartroAcknowledgesEveryReplyAfterTheFirstBeforeLookingAtIt() {
         const QByteArray dle = QByteArray("\x10") + cp(QStringLiteral("승인"));
-        smartro->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("ONE", 50),
-                            FakeTerminal::reply("TWO", 300), FakeTerminal::awaitBytes(8),
-                            FakeTerminal::reply("THREE", 100), FakeTerminal::awaitBytes(11),
-                            FakeTerminal::reply(dle, 100), FakeTerminal::awaitBytes(14)});
+        smartro->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("ONE", 50),
+                            devsim::ScriptedTerminal::reply("TWO", 300), devsim::ScriptedTerminal::awaitBytes(8),
+                            devsim::ScriptedTerminal::reply("THREE", 100), devsim::ScriptedTerminal::awaitBytes(11),
+                            devsim::ScriptedTerminal::reply(dle, 100), devsim::ScriptedTerminal::awaitBytes(14)});
         load();
         post(request("SMARTRO", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 5000));
@@ -507,13 +507,13 @@ private slots:
     }
 
     void smartroFirstReplyStartingWithDleIsNotTheAnswer() {
-        smartro->setScript({FakeTerminal::awaitBytes(5),
-                            FakeTerminal::reply("\x10"
+        smartro->setScript({devsim::ScriptedTerminal::awaitBytes(5),
+                            devsim::ScriptedTerminal::reply("\x10"
                                                 "FIRST"),
-                            FakeTerminal::reply("\x10"
+                            devsim::ScriptedTerminal::reply("\x10"
                                                 "SECOND",
                                                 300),
-                            FakeTerminal::awaitBytes(8)});
+                            devsim::ScriptedTerminal::awaitBytes(8)});
         load();
         post(request("SMARTRO", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 5000));
@@ -523,7 +523,7 @@ private slots:
 
     void smartroTerminalHangingUpEndsWithTimeOutAtOnce() {
         smartro->setScript(
-            {FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"), FakeTerminal::hangUp(100)});
+            {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"), devsim::ScriptedTerminal::hangUp(100)});
         load();
         QElapsedTimer clock;
         clock.start();
@@ -534,9 +534,9 @@ private slots:
     }
 
     void smartroDleReplyThatIsNotCodePage949PrintsEucFailed() {
-        smartro->setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
-                            FakeTerminal::reply(QByteArray("\x10\xff\xff", 3), 100),
-                            FakeTerminal::awaitBytes(8)});
+        smartro->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                            devsim::ScriptedTerminal::reply(QByteArray("\x10\xff\xff", 3), 100),
+                            devsim::ScriptedTerminal::awaitBytes(8)});
         load();
         post(request("SMARTRO", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return channelLines().size() == 3; }, 3000));
@@ -561,10 +561,10 @@ private slots:
         QFETCH(int, terminal);
         QFETCH(QByteArray, bytes);
         UserDefaults::standard().setValue("TCP_DEVICE", vendor);
-        kis->setScript({FakeTerminal::awaitBytes(bytes.size()), FakeTerminal::reply("\x06")});
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(bytes.size()), devsim::ScriptedTerminal::reply("\x06")});
         load();
         controller->connectionTestClicked();
-        FakeTerminal *expected = std::array{kicc.get(), kis.get(), smartro.get()}[terminal];
+        devsim::ScriptedTerminal *expected = std::array{kicc.get(), kis.get(), smartro.get()}[terminal];
         QVERIFY(waitUntil([&] { return expected->closedCount() == 1; }, 3000));
         QCOMPARE(expected->connections().first().received, bytes);
         QCOMPARE(connectionCount(), 1);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "fakeprinter.h"
+#include "printer.h"
 #include "posclient.h"
 #include "serviceprocess.h"
 
@@ -20,7 +20,7 @@ inline QString notServingNextOrder(ServiceProcess &service) {
             .arg(service.stderrLines().join(u'|'));
     if (!service.stderrLines().isEmpty())
         return QStringLiteral("standard error: ") + service.stderrLines().join(u'|');
-    FakePrinter printer;
+    devsim::Printer printer;
     if (!printer.listen())
         return QStringLiteral("no port for the printer");
     PosClient pos;

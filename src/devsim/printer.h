@@ -1,31 +1,39 @@
 #pragma once
 
+#include "wiretext.h"
+
 #include <QByteArray>
 #include <QElapsedTimer>
+#include <QHostAddress>
 #include <QList>
 #include <QObject>
 #include <QTcpServer>
 
 class QTcpSocket;
 
-// A network receipt printer on loopback: accepts connections, keeps every byte each one
-// sends, and notes when the bytes came and when the sender closed. It can also answer
-// each connection with a fixed reply.
-class FakePrinter : public QObject {
+namespace devsim {
+
+// A network kitchen printer: accepts connections, keeps every byte each one sends and
+// prints it as one job when the sender closes, as a real printer does. It notes when the
+// bytes came and when the sender closed, and can answer each chunk with a fixed reply.
+class Printer : public QObject {
     Q_OBJECT
 public:
     struct Connection {
         QByteArray received;
         qint64 acceptedAtMs = -1;
         qint64 lastByteAtMs = -1;
-        qint64 closedAtMs = -1; // when the service closed its side
+        qint64 closedAtMs = -1; // when the sender closed its side
     };
 
-    explicit FakePrinter(QObject *parent = nullptr);
-    ~FakePrinter() override;
+    explicit Printer(QObject *parent = nullptr);
+    ~Printer() override;
     bool listen(quint16 port = 0, const QHostAddress &address = QHostAddress::LocalHost);
     quint16 port() const { return server.serverPort(); }
+    QString errorString() const { return server.errorString(); }
     void setReply(const QByteArray &bytes) { reply = bytes; }
+    // Each finished job goes to `sink` as one line.
+    void setLog(LineSink sink) { log = std::move(sink); }
 
     const QList<Connection> &connections() const { return all; }
     int closedCount() const;
@@ -36,4 +44,7 @@ private:
     QElapsedTimer clock;
     QList<Connection> all;
     QByteArray reply;
+    LineSink log;
 };
+
+} // namespace devsim
