@@ -52,6 +52,7 @@ private slots:
         QVERIFY2(job.contains(QStringLiteral(" printer job from 127.0.0.1:")), qPrintable(job));
         QVERIFY2(job.contains(QStringLiteral("| b1 e8 c4 a1 c2 ee b0 b3 20 32 0a | 김치찌개 2<LF>")), qPrintable(job));
         QCOMPARE(printer.lines().size(), 2);
+        qInfo("%s", qPrintable(printer.lines().join(u'\n')));
     }
 
     void kisPaymentReachesThePosWithTheSimulatorsAnswer() {
@@ -68,6 +69,7 @@ private slots:
         QVERIFY(!kis.waitForLineWith({" kis recv from 127.0.0.1:", "| <STX>PAY0001000<ETX>"}, 1000).isEmpty());
         QVERIFY(!kis.waitForLineWith({" kis send to ", "1 bytes | 06 | <ACK>"}, 1000).isEmpty());
         QVERIFY(!kis.waitForLineWith({" kis send to ", "| <STX>00승인 12345<ETX>"}, 1000).isEmpty());
+        qInfo("%s", qPrintable(kis.lines().join(u'\n')));
         QVERIFY(service.isRunning());
     }
 
