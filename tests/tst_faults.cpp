@@ -3,6 +3,7 @@
 // terminals and printers that go silent, hang up or talk too much, and SIGKILL right
 // after a setting is written. None of these is a deliberate stop, so every case ends the
 // same way: the service is still running and serves the next POS request.
+#include "answercall.h"
 #include "cp949.h"
 #include "printer.h"
 #include "scriptedterminal.h"
@@ -672,15 +673,13 @@ private slots:
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
         // STX and 4 header bytes, then the text; the terminal goes before its 3 trailer
         // bytes. The listener cuts 3 bytes off the end all the same.
-        QTcpSocket terminal;
-        terminal.connectToHost(QHostAddress(addresses.first()), 13189);
-        QVERIFY(waitUntil([&] { return terminal.state() == QAbstractSocket::ConnectedState; }, 3000));
-        terminal.write("\x02"
-                       "0123" +
-                       cp(QStringLiteral("승인 OK")));
-        terminal.flush();
-        QVERIFY(waitUntil([&] { return terminal.bytesToWrite() == 0; }, 3000));
-        terminal.disconnectFromHost();
+        devsim::AnswerCall terminal{QHostAddress(addresses.first()), 13189,
+                                    "\x02"
+                                    "0123" +
+                                        cp(QStringLiteral("승인 OK")),
+                                    devsim::AnswerCall::Ending::HangUpAfterSending};
+        QVERIFY(waitUntil([&] { return terminal.isFinished(); }, 3000));
+        QVERIFY(terminal.isSent());
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 3000));
         QCOMPARE(jsonObject(pos.texts.first()), expectedAnswer(QStringLiteral("승인"), "TS-132N:TS-167"));
         VERIFY_SERVES_NEXT_ORDER(service);
@@ -695,27 +694,24 @@ private slots:
         QVERIFY(startAndConnect(service, pos));
         pos.send(becomeThePos);
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
-        QTcpSocket silent;
-        silent.connectToHost(QHostAddress(addresses.first()), 13189);
-        QVERIFY(waitUntil([&] { return silent.state() == QAbstractSocket::ConnectedState; }, 3000));
+        devsim::AnswerCall silent{QHostAddress(addresses.first()), 13189, {},
+                                  devsim::AnswerCall::Ending::StaySilent};
+        QVERIFY(waitUntil([&] { return silent.isConnected(); }, 3000));
         keepRunningFor(300);
 
-        QTcpSocket terminal;
-        terminal.connectToHost(QHostAddress(addresses.first()), 13189);
-        QVERIFY(waitUntil([&] { return terminal.state() == QAbstractSocket::ConnectedState; }, 3000));
         QElapsedTimer clock;
         clock.start();
-        terminal.write("\x02"
-                       "0123" +
-                       cp(QStringLiteral("승인 OK")) +
-                       "\x03"
-                       "XY");
-        terminal.flush();
+        devsim::AnswerCall terminal{QHostAddress(addresses.first()), 13189,
+                                    "\x02"
+                                    "0123" +
+                                        cp(QStringLiteral("승인 OK")) +
+                                        "\x03"
+                                        "XY"};
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 3000));
         QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(jsonObject(pos.texts.first()), expectedAnswer(QStringLiteral("승인 OK"), "TS-132N:TS-167"));
         // The silent one is let go only after its 60 s, which this test does not sit out.
-        QCOMPARE(silent.state(), QAbstractSocket::ConnectedState);
+        QVERIFY(!silent.isFinished());
         VERIFY_SERVES_NEXT_ORDER(service);
     }
 
@@ -804,17 +800,16 @@ private slots:
         QVERIFY(startAndConnect(service, pos));
         pos.send(becomeThePos);
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
-        QTcpSocket terminal;
-        terminal.connectToHost(QHostAddress(addresses.first()), 5501);
-        QVERIFY(waitUntil([&] { return terminal.state() == QAbstractSocket::ConnectedState; }, 3000));
-        terminal.write("\x02"
-                       "0123" +
-                       QByteArray(MiB, 'x') +
-                       "\x03"
-                       "XY");
-        terminal.flush();
+        devsim::AnswerCall terminal{QHostAddress(addresses.first()), 5501,
+                                    "\x02"
+                                    "0123" +
+                                        QByteArray(MiB, 'x') +
+                                        "\x03"
+                                        "XY"};
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 5000));
-        QVERIFY(waitUntil([&] { return terminal.state() == QAbstractSocket::UnconnectedState; }, 5000));
+        // The listener lets go of the flood after its first 1024 bytes.
+        QVERIFY(waitUntil([&] { return terminal.isFinished(); }, 5000));
+        QVERIFY(terminal.closedByListener());
         keepRunningFor(300);
         QCOMPARE(pos.texts.size(), 1);
         const QJsonObject answer = jsonObject(pos.texts.first());

@@ -2,6 +2,7 @@
 // KIS and SMARTRO terminals on loopback, the answer listeners on loopback, and the bus.
 #include "blackhole.h"
 #include "cp949.h"
+#include "answercall.h"
 #include "scriptedterminal.h"
 #include "forked.h"
 #include "notificationcenter.h"
@@ -93,13 +94,8 @@ class TcpChannelTest : public QObject {
     }
 
     bool deliverToListener(const TerminalListener *listener, const QByteArray &frame) {
-        QTcpSocket terminal;
-        terminal.connectToHost(QHostAddress::LocalHost, listener->serverPort());
-        if (!terminal.waitForConnected(2000))
-            return false;
-        terminal.write(frame);
-        terminal.flush();
-        return waitUntil([&] { return terminal.state() == QAbstractSocket::UnconnectedState; }, 3000);
+        devsim::AnswerCall terminal{QHostAddress::LocalHost, listener->serverPort(), frame};
+        return waitUntil([&] { return terminal.isFinished(); }, 5000) && terminal.closedByListener();
     }
 
 private slots:
@@ -761,23 +757,23 @@ private slots:
 
     void terminalThatHangsUpWithoutAWordDeliversAnEmptyAnswer() {
         load();
-        QTcpSocket terminal;
-        terminal.connectToHost(QHostAddress::LocalHost, controller->kiccListener()->serverPort());
-        QVERIFY(terminal.waitForConnected(2000));
-        terminal.disconnectFromHost();
+        devsim::AnswerCall terminal{QHostAddress::LocalHost, controller->kiccListener()->serverPort(), {},
+                                    devsim::AnswerCall::Ending::StaySilent};
+        QVERIFY(waitUntil([&] { return terminal.isConnected(); }, 2000));
+        terminal.hangUp();
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
         QCOMPARE(answers.first(), answer("", "TS-132N:TS-167"));
     }
 
     void silentConnectionHoldsUpNoOtherAnswer() {
         load();
-        QTcpSocket silent;
-        silent.connectToHost(QHostAddress::LocalHost, controller->kiccListener()->serverPort());
-        QVERIFY(silent.waitForConnected(2000));
+        devsim::AnswerCall silent{QHostAddress::LocalHost, controller->kiccListener()->serverPort(), {},
+                                  devsim::AnswerCall::Ending::StaySilent};
+        QVERIFY(waitUntil([&] { return silent.isConnected(); }, 2000));
         QVERIFY(deliverToListener(controller->kiccListener(), "12345OK678"));
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
         QCOMPARE(answers.first(), answer("OK", "TS-132N:TS-167"));
-        QCOMPARE(silent.state(), QAbstractSocket::ConnectedState);
+        QVERIFY(!silent.isFinished());
     }
 
     void everyConnectionCarriesOneAnswer() {

@@ -1,5 +1,6 @@
 // The real `teranocounter --headless` with MAIN_INTERFACE=TCP and TCP_IP=127.0.0.1, fake
 // KICC, KIS and SMARTRO terminals on their fixed ports on loopback, and a POS page.
+#include "answercall.h"
 #include "cp949.h"
 #include "printer.h"
 #include "scriptedterminal.h"
@@ -33,15 +34,9 @@ QByteArray listenerFrame(const QByteArray &text) {
 }
 
 bool deliverToListener(const QString &address, quint16 port, const QByteArray &frame) {
-    QTcpSocket terminal;
-    terminal.connectToHost(QHostAddress(address), port);
-    if (!terminal.waitForConnected(2000))
-        return false;
-    terminal.write(frame);
-    terminal.flush();
-    return waitUntil([&] { return terminal.bytesToWrite() == 0; }, 2000) &&
-           // the service lets go of the connection once it has the answer
-           waitUntil([&] { return terminal.state() == QAbstractSocket::UnconnectedState; }, 3000);
+    devsim::AnswerCall terminal{QHostAddress(address), port, frame};
+    // the service lets go of the connection once it has the answer
+    return waitUntil([&] { return terminal.isFinished(); }, 5000) && terminal.closedByListener();
 }
 
 } // namespace

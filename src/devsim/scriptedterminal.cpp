@@ -109,30 +109,14 @@ void ScriptedTerminal::advance(QTcpSocket *socket, qsizetype index) {
 }
 
 void ScriptedTerminal::startDelivery(const Step &step) {
-    const qsizetype index = delivered.size();
-    delivered.append({step.bytes, {}, false, false});
-    auto *socket = new QTcpSocket(this);
-    const QString target = QStringLiteral("%1:%2").arg(step.address.toString()).arg(step.port);
-    connect(socket, &QTcpSocket::connected, this, [this, socket, index, target] {
-        socket->write(delivered[index].bytes);
-        delivered[index].sent = true;
-        note(QStringLiteral("answer to ") + target, delivered[index].bytes);
-        socket->disconnectFromHost(); // closes once the bytes are written
-    });
-    connect(socket, &QTcpSocket::disconnected, this, [this, socket, index] {
-        delivered[index].done = true;
-        socket->deleteLater();
-    });
-    connect(socket, &QTcpSocket::errorOccurred, this, [this, socket, index, target] {
-        if (delivered[index].sent || delivered[index].done)
-            return; // the peer closing after it read the answer
-        delivered[index].error = socket->errorString();
-        delivered[index].done = true;
+    auto *call = new AnswerCall(step.address, step.port, step.bytes, AnswerCall::Ending::WaitForListener, this);
+    delivered.append(call);
+    connect(call, &AnswerCall::answerSent, this,
+            [this, call] { note(QStringLiteral("answer to ") + call->target(), call->bytes()); });
+    connect(call, &AnswerCall::failed, this, [this, call](const QString &error) {
         if (log)
-            log(QStringLiteral("%1 answer to %2 failed: %3").arg(name, target, socket->errorString()));
-        socket->deleteLater();
+            log(QStringLiteral("%1 answer to %2 failed: %3").arg(name, call->target(), error));
     });
-    socket->connectToHost(step.address, step.port);
 }
 
 int ScriptedTerminal::closedCount() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "answercall.h"
 #include "wiretext.h"
 
 #include <QByteArray>
@@ -54,13 +55,6 @@ public:
         qsizetype awaited = 0; // bytes the script has taken so far
     };
 
-    struct Delivery {
-        QByteArray bytes;
-        QString error; // why the answer could not be sent
-        bool sent = false;
-        bool done = false;
-    };
-
     explicit ScriptedTerminal(QObject *parent = nullptr);
     ~ScriptedTerminal() override;
     bool listen(quint16 port = 0, const QHostAddress &address = QHostAddress::LocalHost);
@@ -75,7 +69,8 @@ public:
     }
 
     const QList<Connection> &connections() const { return all; }
-    const QList<Delivery> &deliveries() const { return delivered; }
+    // The answers delivered on connections of the terminal's own, oldest first.
+    const QList<AnswerCall *> &deliveries() const { return delivered; }
     int closedCount() const;
     int openCount() const;
     qint64 nowMs() const { return clock.elapsed(); }
@@ -91,7 +86,7 @@ private:
     QList<Step> script;
     QList<Connection> all;
     QList<qsizetype> nextStep;
-    QList<Delivery> delivered;
+    QList<AnswerCall *> delivered;
     QString name = QStringLiteral("terminal");
     LineSink log;
 };

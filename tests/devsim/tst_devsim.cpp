@@ -151,17 +151,20 @@ private slots:
     }
 
     void kiccDeliversItsAnswerToTheListener() {
-        QTcpServer listener; // the service's answer listener
+        const QByteArray answer = cp(QStringLiteral("승인 OK"));
+        QTcpServer listener; // the service's answer listener: takes one frame, then lets go
         QVERIFY(listener.listen(QHostAddress::LocalHost));
         QByteArray delivered;
-        bool closedByTerminal = false;
         connect(&listener, &QTcpServer::newConnection, this, [&] {
             QTcpSocket *socket = listener.nextPendingConnection();
-            connect(socket, &QTcpSocket::readyRead, this, [&, socket] { delivered += socket->readAll(); });
-            connect(socket, &QTcpSocket::disconnected, this, [&] { closedByTerminal = true; });
+            connect(socket, &QTcpSocket::readyRead, this, [&, socket] {
+                delivered += socket->readAll();
+                if (delivered.size() >= 5 + answer.size() + 3)
+                    socket->disconnectFromHost();
+            });
         });
         devsim::ScriptedTerminal kicc;
-        kicc.setScript(devsim::kiccExchange(cp(QStringLiteral("승인 OK")), 100, QHostAddress::LocalHost, listener.serverPort()));
+        kicc.setScript(devsim::kiccExchange(answer, 100, QHostAddress::LocalHost, listener.serverPort()));
         QVERIFY(kicc.listen());
         QTcpSocket service;
         service.connectToHost(QHostAddress::LocalHost, kicc.port());
@@ -169,11 +172,41 @@ private slots:
         service.write("\x02KICC\x03");
         QCOMPARE(readBytes(service, 1, 2000), QByteArray("\x06"));
         service.disconnectFromHost();
-        QVERIFY(waitUntil([&] { return closedByTerminal; }, 2000));
+        QVERIFY(waitUntil([&] { return !kicc.deliveries().isEmpty() && kicc.deliveries().first()->isFinished(); }, 2000));
         // The listener cuts 5 bytes in front and 3 behind.
         QCOMPARE(cp949::decode(delivered.mid(5).chopped(3)), QStringLiteral("승인 OK"));
         QCOMPARE(kicc.deliveries().size(), 1);
-        QCOMPARE(kicc.deliveries().first().error, QString());
+        QVERIFY(kicc.deliveries().first()->isSent());
+        QVERIFY(kicc.deliveries().first()->closedByListener()); // the terminal held the line till then
+        QCOMPARE(kicc.deliveries().first()->error(), QString());
+    }
+
+    void answerCallsThatMisbehave() {
+        QTcpServer listener;
+        QVERIFY(listener.listen(QHostAddress::LocalHost));
+        QList<QTcpSocket *> accepted;
+        connect(&listener, &QTcpServer::newConnection, this,
+                [&] { accepted << listener.nextPendingConnection(); });
+
+        // Cut off: the bytes, then the terminal hangs up without waiting for the listener.
+        devsim::AnswerCall cutOff(QHostAddress::LocalHost, listener.serverPort(), "\x02" "0123OK",
+                                  devsim::AnswerCall::Ending::HangUpAfterSending);
+        QVERIFY(waitUntil([&] { return cutOff.isFinished(); }, 2000));
+        QVERIFY(cutOff.isSent());
+        QVERIFY(!cutOff.closedByListener());
+        QVERIFY(waitUntil([&] { return accepted.size() == 1 && accepted[0]->state() != QAbstractSocket::ConnectedState; }, 2000));
+        QCOMPARE(accepted[0]->readAll(), QByteArray("\x02" "0123OK"));
+
+        // Silent: connected, and not a byte.
+        devsim::AnswerCall silent(QHostAddress::LocalHost, listener.serverPort(), "never sent",
+                                  devsim::AnswerCall::Ending::StaySilent);
+        QVERIFY(waitUntil([&] { return silent.isConnected() && accepted.size() == 2; }, 2000));
+        keepRunningFor(200);
+        QCOMPARE(accepted[1]->bytesAvailable(), 0);
+        QVERIFY(!silent.isFinished());
+        silent.hangUp();
+        QVERIFY(waitUntil([&] { return accepted[1]->state() != QAbstractSocket::ConnectedState; }, 2000));
+        QCOMPARE(accepted[1]->readAll(), QByteArray());
     }
 
     void kiccSaysWhenNobodyTakesItsAnswer() {
@@ -190,8 +223,8 @@ private slots:
         service.connectToHost(QHostAddress::LocalHost, kicc.port());
         QVERIFY(service.waitForConnected(2000));
         service.write("REQ");
-        QVERIFY(waitUntil([&] { return !kicc.deliveries().isEmpty() && kicc.deliveries().first().done; }, 3000));
-        QVERIFY(!kicc.deliveries().first().error.isEmpty());
+        QVERIFY(waitUntil([&] { return !kicc.deliveries().isEmpty() && kicc.deliveries().first()->isFinished(); }, 3000));
+        QVERIFY(!kicc.deliveries().first()->error().isEmpty());
         QVERIFY2(lines.last().startsWith(QStringLiteral("kicc answer to 127.0.0.1:%1 failed: ").arg(nobody)),
                  qPrintable(lines.last()));
     }
