@@ -1,6 +1,6 @@
 // Malformed POS requests stop the service on purpose, and only they do: each case runs
 // the real executable, sends one frame and watches how the process ends.
-#include "blackhole.h"
+#include "switchedoffdevice.h"
 #include "printer.h"
 #include "posclient.h"
 #include "servicefixture.h"

@@ -1,4 +1,4 @@
-#include "blackhole.h"
+#include "switchedoffdevice.h"
 #include "cp949.h"
 #include "printer.h"
 #include "kitchenprintservice.h"
@@ -69,7 +69,7 @@ private slots:
     }
 
     void deadPrintersNeverHoldUpTheEventLoop() {
-        Blackhole dead;
+        devsim::SwitchedOffDevice dead;
         QVERIFY(dead.open());
         QElapsedTimer clock;
         clock.start();

@@ -1,6 +1,6 @@
 // The real `teranocounter --headless`, seen from outside: a POS on ws://127.0.0.1:49999/,
 // printers on loopback, its standard output and its settings file.
-#include "blackhole.h"
+#include "switchedoffdevice.h"
 #include "printer.h"
 #include "localaddress.h"
 #include "posclient.h"
@@ -107,7 +107,7 @@ private slots:
     }
 
     void printerThatNeverAnswersTheConnectTimesOutInOneSecond() {
-        Blackhole dead;
+        devsim::SwitchedOffDevice dead;
         QVERIFY(dead.open());
         ServiceProcess service;
         PosClient pos;

@@ -1,6 +1,6 @@
 // The TCP terminal channel in-process: its controller with recorded outlets, fake KICC,
 // KIS and SMARTRO terminals on loopback, the answer listeners on loopback, and the bus.
-#include "blackhole.h"
+#include "switchedoffdevice.h"
 #include "cp949.h"
 #include "answercall.h"
 #include "scriptedterminal.h"
@@ -288,7 +288,7 @@ private slots:
     }
 
     void connectThatNeverCompletesEndsAfterOneSecond() {
-        Blackhole dead;
+        devsim::SwitchedOffDevice dead;
         QVERIFY(dead.open());
         load();
         controller->senders = VendorSenders({dead.port(), dead.port(), dead.port()});

@@ -17,6 +17,7 @@ Printer::Printer(QObject *parent) : QObject(parent) {
             connect(socket, &QTcpSocket::readyRead, this, [this, socket, index, sender] {
                 all[index].received += socket->readAll();
                 all[index].lastByteAtMs = clock.elapsed();
+                emit bytesReceived(index);
                 if (!reply.isEmpty()) {
                     socket->write(reply);
                     if (log)

@@ -32,12 +32,18 @@ public:
     quint16 port() const { return server.serverPort(); }
     QString errorString() const { return server.errorString(); }
     void setReply(const QByteArray &bytes) { reply = bytes; }
+    // Room for that many connections waiting to be accepted (a burst of orders at once).
+    void setListenBacklogSize(int size) { server.setListenBacklogSize(size); }
     // Each finished job goes to `sink` as one line.
     void setLog(LineSink sink) { log = std::move(sink); }
 
     const QList<Connection> &connections() const { return all; }
     int closedCount() const;
     qint64 nowMs() const { return clock.elapsed(); }
+
+signals:
+    // More bytes of connection `index` (of connections()) have come.
+    void bytesReceived(qsizetype index);
 
 private:
     QTcpServer server;

@@ -5,10 +5,13 @@
 #include <QTcpSocket>
 #include <memory>
 
-// A loopback port that never completes a connection: a listening socket whose accept
-// queue is kept full, so the kernel drops further connection attempts and a client's
-// connect only ever times out. Stands in for a switched-off printer on the shop network.
-class Blackhole {
+namespace devsim {
+
+// A printer or card terminal that is switched off, on the shop network: a loopback port
+// that never completes a connection. A listening socket whose accept queue is kept full,
+// so the kernel drops further connection attempts and a client's connect only ever times
+// out (a closed port would refuse at once, which is another fault).
+class SwitchedOffDevice {
 public:
     bool open() {
         server.setListenBacklogSize(0);
@@ -29,3 +32,5 @@ private:
     QTcpServer server;
     std::vector<std::unique_ptr<QTcpSocket>> fillers;
 };
+
+} // namespace devsim
