@@ -307,22 +307,23 @@ int runPrinters(int count, int expected) {
         ports << QString::number(printer->port());
         devsim::Printer *raw = printer.get();
         auto counted = std::make_shared<QSet<qsizetype>>(); // connections whose order is in
-        QObject::connect(raw, &devsim::Printer::bytesReceived, [raw, counted, &arrivals, expected](qsizetype index) {
-            const QByteArray &received = raw->connections()[index].received;
-            if (counted->contains(index) || !received.endsWith('\n') || !received.startsWith('#'))
-                return;
-            const qint64 at = nowNs();
-            counted->insert(index); // counted once, even if more bytes come
-            arrivals.emplace_back(received.mid(1, received.indexOf(' ') - 1).toInt(), at);
-            if (int(arrivals.size()) != expected)
-                return;
-            QByteArray report;
-            for (const auto &[n, t] : arrivals)
-                report += "o " + QByteArray::number(n) + ' ' + QByteArray::number(t) + '\n';
-            report += "done\n";
-            std::fwrite(report.constData(), 1, size_t(report.size()), stdout);
-            std::fflush(stdout);
-        });
+        QObject::connect(
+            raw, &devsim::Printer::bytesReceived, [raw, counted, &arrivals, expected](qsizetype index) {
+                const QByteArray &received = raw->connections()[index].received;
+                if (counted->contains(index) || !received.endsWith('\n') || !received.startsWith('#'))
+                    return;
+                const qint64 at = nowNs();
+                counted->insert(index); // counted once, even if more bytes come
+                arrivals.emplace_back(received.mid(1, received.indexOf(' ') - 1).toInt(), at);
+                if (int(arrivals.size()) != expected)
+                    return;
+                QByteArray report;
+                for (const auto &[n, t] : arrivals)
+                    report += "o " + QByteArray::number(n) + ' ' + QByteArray::number(t) + '\n';
+                report += "done\n";
+                std::fwrite(report.constData(), 1, size_t(report.size()), stdout);
+                std::fflush(stdout);
+            });
         printers.push_back(std::move(printer));
     }
     std::printf("ready %s\n", qPrintable(ports.join(u' ')));

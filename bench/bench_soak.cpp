@@ -11,13 +11,14 @@
 // Uses the service's fixed ports (49999, 5000, 5501, 13189) and needs a non-loopback
 // interface up: run it where nothing else uses them (bench/soak.sh says how).
 #include "cp949.h"
-#include "printer.h"
-#include "scriptedterminal.h"
 #include "posclient.h"
+#include "printer.h"
 #include "processusage.h"
 #include "pseudoterminal.h"
+#include "scriptedterminal.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QCommandLineParser>
@@ -82,8 +83,7 @@ int main(int argc, char *argv[]) {
         return 2;
     }
     const QByteArray kisRequest("\x02PAY-SOAK\x03");
-    kis.setScript({devsim::ScriptedTerminal::awaitBytes(kisRequest.size()), devsim::ScriptedTerminal::reply("\x06"),
-                   devsim::ScriptedTerminal::reply(kisResult(kisAnswer), 20)});
+    kis.setScript(devsim::kisExchange(kisAnswer, 20));
 
     ServiceProcess service;
     service.runToEnd(

@@ -2,10 +2,11 @@
 // KIS terminal on 127.0.0.1:5000, and the POS page running in headless Chromium: what a
 // shop's browser receives, decoded by the browser itself.
 #include "cp949.h"
-#include "scriptedterminal.h"
 #include "headlesschromium.h"
+#include "scriptedterminal.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QFile>
@@ -57,8 +58,7 @@ private slots:
                                  12);
         devsim::ScriptedTerminal kis;
         QVERIFY2(kis.listen(5000), "cannot listen on 127.0.0.1:5000 for the fake KIS terminal");
-        kis.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("\x06"),
-                       devsim::ScriptedTerminal::reply(kisResult(cp949::encode(text).value()), 300)});
+        kis.setScript(devsim::kisExchange(cp949::encode(text).value(), 300));
 
         ServiceProcess service;
         QCOMPARE(service.runToEnd({"--set", "MAIN_INTERFACE=TCP", "--set", "TCP_IP=127.0.0.1"}), 0);

@@ -5,14 +5,15 @@
 // same way: the service is still running and serves the next POS request.
 #include "answercall.h"
 #include "cp949.h"
-#include "printer.h"
-#include "scriptedterminal.h"
 #include "localaddresses.h"
 #include "posclient.h"
+#include "printer.h"
 #include "processusage.h"
+#include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QCryptographicHash>
@@ -468,8 +469,7 @@ private slots:
         const QByteArray request("\x02PAY500\x03");
         devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000, QHostAddress::LocalHost));
-        kis.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("\x06"),
-                       devsim::ScriptedTerminal::reply(kisResult(cp(QStringLiteral("승인 500"))), 100)});
+        kis.setScript(devsim::kisExchange(cp(QStringLiteral("승인 500")), 100));
         ServiceProcess service;
         QVERIFY(configureTcp(service));
         QVERIFY(service.start());
@@ -561,13 +561,14 @@ private slots:
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;
-        startExchange(service, pos, kis,
-                      {"KIS",
-                       "payment",
-                       5000,
-                       silent,
-                       {devsim::ScriptedTerminal::awaitBytes(answered.size()), devsim::ScriptedTerminal::reply("\x06"),
-                        devsim::ScriptedTerminal::reply(kisResult(cp(QStringLiteral("승인 2"))), 100)}});
+        startExchange(
+            service, pos, kis,
+            {"KIS",
+             "payment",
+             5000,
+             silent,
+             {devsim::ScriptedTerminal::awaitBytes(answered.size()), devsim::ScriptedTerminal::reply("\x06"),
+              devsim::ScriptedTerminal::reply(kisResult(cp(QStringLiteral("승인 2"))), 100)}});
         if (QTest::currentTestFailed())
             return;
         keepRunningFor(1500); // past the first reply's second: now it waits up to 300 s
@@ -694,8 +695,8 @@ private slots:
         QVERIFY(startAndConnect(service, pos));
         pos.send(becomeThePos);
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
-        devsim::AnswerCall silent{QHostAddress(addresses.first()), 13189, {},
-                                  devsim::AnswerCall::Ending::StaySilent};
+        devsim::AnswerCall silent{
+            QHostAddress(addresses.first()), 13189, {}, devsim::AnswerCall::Ending::StaySilent};
         QVERIFY(waitUntil([&] { return silent.isConnected(); }, 3000));
         keepRunningFor(300);
 
@@ -726,9 +727,9 @@ private slots:
                        QByteArray("\x02PAY\x03"),
                        {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
                         devsim::ScriptedTerminal::reply("\x02"
-                                            "AB" +
-                                                QByteArray(MiB - 4, 'x') + "\x03",
-                                            200)}});
+                                                        "AB" +
+                                                            QByteArray(MiB - 4, 'x') + "\x03",
+                                                        200)}});
         if (QTest::currentTestFailed())
             return;
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 5000));
@@ -755,7 +756,8 @@ private slots:
                        "payment",
                        13189,
                        QByteArray("\x02KICC\x03"),
-                       {devsim::ScriptedTerminal::awaitBytes(6), devsim::ScriptedTerminal::reply(QByteArray(MiB, 'x'), 100)}});
+                       {devsim::ScriptedTerminal::awaitBytes(6),
+                        devsim::ScriptedTerminal::reply(QByteArray(MiB, 'x'), 100)}});
         if (QTest::currentTestFailed())
             return;
         QVERIFY(waitUntil([&] { return kicc.closedCount() == 1; }, 5000));
@@ -914,8 +916,7 @@ private slots:
         const QByteArray request("\x02PAY\x03");
         devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000, QHostAddress::LocalHost));
-        kis.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("\x06"),
-                       devsim::ScriptedTerminal::reply(kisResult("OK 1"), 50)});
+        kis.setScript(devsim::kisExchange("OK 1", 50));
         ServiceProcess service;
         QVERIFY(service.start());
         QCOMPARE(service.runToEnd({"--set", "MAIN_INTERFACE=TCP", "--set", "TCP_IP=127.0.0.1"}), 0);

@@ -1,7 +1,7 @@
-#include "switchedoffdevice.h"
 #include "cp949.h"
-#include "printer.h"
 #include "kitchenprintservice.h"
+#include "printer.h"
+#include "switchedoffdevice.h"
 #include "wait.h"
 
 #include <QElapsedTimer>

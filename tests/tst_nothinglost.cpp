@@ -2,12 +2,13 @@
 // with HOLD_UNDELIVERED_ANSWERS and KITCHEN_RETRY_MINUTES, POS pages that reload, printers
 // that are switched off and on, and SIGKILL in between.
 #include "cp949.h"
+#include "posclient.h"
 #include "printer.h"
 #include "scriptedterminal.h"
-#include "posclient.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QDir>
@@ -73,8 +74,7 @@ class NothingLostTest : public QObject {
     // A KIS terminal whose customer takes 2 s: the POS page has gone by the time it answers.
     void slowKis(devsim::ScriptedTerminal &kis) {
         QVERIFY(kis.listen(5000));
-        kis.setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
-                       devsim::ScriptedTerminal::reply(kisResult(cp949::encode(approval).value()), 2000)});
+        kis.setScript(devsim::kisExchange(cp949::encode(approval).value(), 2000));
     }
 
     void payThenLeave(ServiceProcess &service) {

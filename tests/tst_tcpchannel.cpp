@@ -1,14 +1,14 @@
 // The TCP terminal channel in-process: its controller with recorded outlets, fake KICC,
 // KIS and SMARTRO terminals on loopback, the answer listeners on loopback, and the bus.
-#include "switchedoffdevice.h"
-#include "cp949.h"
 #include "answercall.h"
-#include "scriptedterminal.h"
+#include "cp949.h"
 #include "forked.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
 #include "recordingoutlets.h"
+#include "scriptedterminal.h"
 #include "stdoutcapture.h"
+#include "switchedoffdevice.h"
 #include "tcpviewcontroller.h"
 #include "terminallistener.h"
 #include "userdefaults.h"
@@ -304,7 +304,8 @@ private slots:
     // ---- KICC
 
     void kiccReplyIsDiscardedAndTheConnectionClosed() {
-        kicc->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06RECEIVED")});
+        kicc->setScript(
+            {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06RECEIVED")});
         load();
         post(request("KICC", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return kicc->closedCount() == 1; }, 3000));
@@ -328,9 +329,9 @@ private slots:
     void kisAnswerWithHangulReachesThePos() {
         kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
                         devsim::ScriptedTerminal::reply(QByteArray("\x02"
-                                                       "AB") +
-                                                cp(QStringLiteral("승인 완료 1234")) + '\x03',
-                                            200)});
+                                                                   "AB") +
+                                                            cp(QStringLiteral("승인 완료 1234")) + '\x03',
+                                                        200)});
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
@@ -342,8 +343,8 @@ private slots:
     void kisPrintEndsWithTheFirstReply() {
         kis->setScript({devsim::ScriptedTerminal::awaitBytes(1), devsim::ScriptedTerminal::reply("\x06"),
                         devsim::ScriptedTerminal::reply("\x02"
-                                            "ABLATE\x03",
-                                            300)});
+                                                        "ABLATE\x03",
+                                                        300)});
         load();
         post(request("kis", "SLIP\n", "print"));
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
@@ -356,8 +357,8 @@ private slots:
     void kisRequestWithDleAtIndexTwoNeverWaits() {
         kis->setScript({devsim::ScriptedTerminal::awaitBytes(4), devsim::ScriptedTerminal::reply("\x06"),
                         devsim::ScriptedTerminal::reply("\x02"
-                                            "ABLATE\x03",
-                                            300)});
+                                                        "ABLATE\x03",
+                                                        300)});
         load();
         post(request("KIS", QByteArray("\x02"
                                        "A\x10"
@@ -384,8 +385,8 @@ private slots:
         // Longer than every other wait of the channel; the 300 s itself is not sat out.
         kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
                         devsim::ScriptedTerminal::reply("\x02"
-                                            "ABPAID\x03",
-                                            6500)});
+                                                        "ABPAID\x03",
+                                                        6500)});
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 10000));
@@ -397,8 +398,8 @@ private slots:
 
     void kisWithoutFirstReplyStillWaitsForTheAnswer() {
         kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x02"
-                                                                         "ABPAID\x03",
-                                                                         2000)});
+                                                                                                 "ABPAID\x03",
+                                                                                                 2000)});
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 5000));
@@ -408,8 +409,8 @@ private slots:
     void kisAcknowledgementInsteadOfAnAnswerEndsQuietly() {
         kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x15"),
                         devsim::ScriptedTerminal::reply("\x06"
-                                            "ABCDEF",
-                                            200)});
+                                                        "ABCDEF",
+                                                        200)});
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
@@ -421,8 +422,8 @@ private slots:
     void kisAnswerOfFourBytesIsAnEmptyAnswer() {
         kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
                         devsim::ScriptedTerminal::reply("\x02"
-                                            "AB\x03",
-                                            200)});
+                                                        "AB\x03",
+                                                        200)});
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
@@ -432,9 +433,9 @@ private slots:
     void kisAnswerThatIsNotCodePage949PrintsEucFailed() {
         kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
                         devsim::ScriptedTerminal::reply(QByteArray("\x02"
-                                                       "AB\xff\xff\x03",
-                                                       6),
-                                            200)});
+                                                                   "AB\xff\xff\x03",
+                                                                   6),
+                                                        200)});
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
@@ -443,7 +444,8 @@ private slots:
     }
 
     void kisTerminalHangingUpWhileTheCustomerIsThereEndsQuietly() {
-        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"), devsim::ScriptedTerminal::hangUp(300)});
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::hangUp(300)});
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
@@ -475,7 +477,8 @@ private slots:
     }
 
     void smartroSilenceAfterTheFirstReplyTimesOutAfterFiveSeconds() {
-        smartro->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06")});
+        smartro->setScript(
+            {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06")});
         load();
         post(request("SMARTRO", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return smartro->closedCount() == 1; }, 9000));
@@ -489,10 +492,11 @@ private slots:
 
     void smartroAcknowledgesEveryReplyAfterTheFirstBeforeLookingAtIt() {
         const QByteArray dle = QByteArray("\x10") + cp(QStringLiteral("승인"));
-        smartro->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("ONE", 50),
-                            devsim::ScriptedTerminal::reply("TWO", 300), devsim::ScriptedTerminal::awaitBytes(8),
-                            devsim::ScriptedTerminal::reply("THREE", 100), devsim::ScriptedTerminal::awaitBytes(11),
-                            devsim::ScriptedTerminal::reply(dle, 100), devsim::ScriptedTerminal::awaitBytes(14)});
+        smartro->setScript(
+            {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("ONE", 50),
+             devsim::ScriptedTerminal::reply("TWO", 300), devsim::ScriptedTerminal::awaitBytes(8),
+             devsim::ScriptedTerminal::reply("THREE", 100), devsim::ScriptedTerminal::awaitBytes(11),
+             devsim::ScriptedTerminal::reply(dle, 100), devsim::ScriptedTerminal::awaitBytes(14)});
         load();
         post(request("SMARTRO", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 5000));
@@ -505,10 +509,10 @@ private slots:
     void smartroFirstReplyStartingWithDleIsNotTheAnswer() {
         smartro->setScript({devsim::ScriptedTerminal::awaitBytes(5),
                             devsim::ScriptedTerminal::reply("\x10"
-                                                "FIRST"),
+                                                            "FIRST"),
                             devsim::ScriptedTerminal::reply("\x10"
-                                                "SECOND",
-                                                300),
+                                                            "SECOND",
+                                                            300),
                             devsim::ScriptedTerminal::awaitBytes(8)});
         load();
         post(request("SMARTRO", "\x02PAY\x03"));
@@ -518,8 +522,8 @@ private slots:
     }
 
     void smartroTerminalHangingUpEndsWithTimeOutAtOnce() {
-        smartro->setScript(
-            {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"), devsim::ScriptedTerminal::hangUp(100)});
+        smartro->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                            devsim::ScriptedTerminal::hangUp(100)});
         load();
         QElapsedTimer clock;
         clock.start();
@@ -557,7 +561,8 @@ private slots:
         QFETCH(int, terminal);
         QFETCH(QByteArray, bytes);
         UserDefaults::standard().setValue("TCP_DEVICE", vendor);
-        kis->setScript({devsim::ScriptedTerminal::awaitBytes(bytes.size()), devsim::ScriptedTerminal::reply("\x06")});
+        kis->setScript(
+            {devsim::ScriptedTerminal::awaitBytes(bytes.size()), devsim::ScriptedTerminal::reply("\x06")});
         load();
         controller->connectionTestClicked();
         devsim::ScriptedTerminal *expected = std::array{kicc.get(), kis.get(), smartro.get()}[terminal];
@@ -757,7 +762,9 @@ private slots:
 
     void terminalThatHangsUpWithoutAWordDeliversAnEmptyAnswer() {
         load();
-        devsim::AnswerCall terminal{QHostAddress::LocalHost, controller->kiccListener()->serverPort(), {},
+        devsim::AnswerCall terminal{QHostAddress::LocalHost,
+                                    controller->kiccListener()->serverPort(),
+                                    {},
                                     devsim::AnswerCall::Ending::StaySilent};
         QVERIFY(waitUntil([&] { return terminal.isConnected(); }, 2000));
         terminal.hangUp();
@@ -767,7 +774,9 @@ private slots:
 
     void silentConnectionHoldsUpNoOtherAnswer() {
         load();
-        devsim::AnswerCall silent{QHostAddress::LocalHost, controller->kiccListener()->serverPort(), {},
+        devsim::AnswerCall silent{QHostAddress::LocalHost,
+                                  controller->kiccListener()->serverPort(),
+                                  {},
                                   devsim::AnswerCall::Ending::StaySilent};
         QVERIFY(waitUntil([&] { return silent.isConnected(); }, 2000));
         QVERIFY(deliverToListener(controller->kiccListener(), "12345OK678"));

@@ -2,13 +2,14 @@
 // KICC, KIS and SMARTRO terminals on their fixed ports on loopback, and a POS page.
 #include "answercall.h"
 #include "cp949.h"
-#include "printer.h"
-#include "scriptedterminal.h"
 #include "localaddresses.h"
 #include "posclient.h"
+#include "printer.h"
+#include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QTcpServer>
@@ -57,8 +58,7 @@ private slots:
                                  12);
         devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000));
-        kis.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("\x06"),
-                       devsim::ScriptedTerminal::reply(kisResult(cp(QStringLiteral("승인 완료 1234"))), 300)});
+        kis.setScript(devsim::kisExchange(cp(QStringLiteral("승인 완료 1234")), 300));
         ServiceProcess service;
         configure(service);
         PosClient pos;
@@ -80,10 +80,14 @@ private slots:
         const QByteArray dleReply = QByteArray("\x10") + cp(QStringLiteral("정상승인 5000원"));
         devsim::ScriptedTerminal smartro;
         QVERIFY(smartro.listen(5501, QHostAddress::LocalHost));
-        smartro.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("FIRST", 100),
-                           devsim::ScriptedTerminal::reply("SECOND", 200), devsim::ScriptedTerminal::awaitBytes(request.size() + 3),
-                           devsim::ScriptedTerminal::reply("THIRD", 200), devsim::ScriptedTerminal::awaitBytes(request.size() + 6),
-                           devsim::ScriptedTerminal::reply(dleReply, 200), devsim::ScriptedTerminal::awaitBytes(request.size() + 9)});
+        smartro.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()),
+                           devsim::ScriptedTerminal::reply("FIRST", 100),
+                           devsim::ScriptedTerminal::reply("SECOND", 200),
+                           devsim::ScriptedTerminal::awaitBytes(request.size() + 3),
+                           devsim::ScriptedTerminal::reply("THIRD", 200),
+                           devsim::ScriptedTerminal::awaitBytes(request.size() + 6),
+                           devsim::ScriptedTerminal::reply(dleReply, 200),
+                           devsim::ScriptedTerminal::awaitBytes(request.size() + 9)});
         ServiceProcess service;
         configure(service);
         PosClient pos;
@@ -111,7 +115,8 @@ private slots:
         const QByteArray request("\x02KICC-REQ\x03");
         devsim::ScriptedTerminal kicc;
         QVERIFY(kicc.listen(13189, QHostAddress::LocalHost));
-        kicc.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("\x06")});
+        kicc.setScript(
+            {devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("\x06")});
         ServiceProcess service;
         configure(service);
         PosClient pos;
@@ -145,7 +150,8 @@ private slots:
     void seventyWaitingKisPaymentsHoldUpNoKitchenOrderAndNoFrame() {
         devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000));
-        kis.setScript({devsim::ScriptedTerminal::awaitBytes(1), devsim::ScriptedTerminal::reply("\x06")}); // then the customer...
+        kis.setScript({devsim::ScriptedTerminal::awaitBytes(1),
+                       devsim::ScriptedTerminal::reply("\x06")}); // then the customer...
         devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
@@ -198,8 +204,8 @@ private slots:
         QFETCH(QByteArray, result);
         devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000));
-        kis.setScript(
-            {devsim::ScriptedTerminal::awaitBytes(1), devsim::ScriptedTerminal::reply("\x06"), devsim::ScriptedTerminal::reply(result, 200)});
+        kis.setScript({devsim::ScriptedTerminal::awaitBytes(1), devsim::ScriptedTerminal::reply("\x06"),
+                       devsim::ScriptedTerminal::reply(result, 200)});
         ServiceProcess service;
         configure(service);
         PosClient pos;

@@ -62,8 +62,13 @@ int runPrinter(const Options &options, QObject *owner) {
     const quint16 port = options.port.value_or(9100);
     const QString listen = options.listen.isEmpty() ? QStringLiteral("127.0.0.1") : options.listen;
     if (!printer->listen(port, QHostAddress(listen)))
-        return fail(QStringLiteral("printer cannot listen on %1:%2: %3").arg(listen).arg(port).arg(printer->errorString()));
-    say(QStringLiteral("printer listening on %1:%2; each job is shown when its sender closes").arg(listen).arg(port));
+        return fail(QStringLiteral("printer cannot listen on %1:%2: %3")
+                        .arg(listen)
+                        .arg(port)
+                        .arg(printer->errorString()));
+    say(QStringLiteral("printer listening on %1:%2; each job is shown when its sender closes")
+            .arg(listen)
+            .arg(port));
     return 0;
 }
 
@@ -120,10 +125,13 @@ int runSerial(const Options &options, QObject *owner) {
         QObject::connect(cycle, &QTimer::timeout, terminal, [terminal, cycle, link, options] {
             if (terminal->isPlugged()) {
                 terminal->unplug();
-                say(QStringLiteral("%1 unplugged from %2 for %3 s").arg(options.model, link).arg(options.unplugForS));
+                say(QStringLiteral("%1 unplugged from %2 for %3 s")
+                        .arg(options.model, link)
+                        .arg(options.unplugForS));
                 cycle->start(options.unplugForS * 1000);
             } else if (terminal->plug(link)) {
-                say(QStringLiteral("%1 plugged in again at %2 (%3)").arg(options.model, link, terminal->devicePath()));
+                say(QStringLiteral("%1 plugged in again at %2 (%3)")
+                        .arg(options.model, link, terminal->devicePath()));
                 cycle->start(options.unplugAfterS * 1000);
             } else {
                 say(QStringLiteral("%1 could not be plugged in again at %2").arg(options.model, link));
@@ -141,16 +149,29 @@ int runDevsim(int argc, char **argv) {
     QCoreApplication::setApplicationName(QStringLiteral("teranocounter-devsim"));
     QCommandLineParser parser;
     parser.setApplicationDescription(QString::fromLatin1(usageText));
-    const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("This text."));
-    const QCommandLineOption listen(QStringLiteral("listen"), QStringLiteral("Address to listen on."), QStringLiteral("ADDR"));
-    const QCommandLineOption port(QStringLiteral("port"), QStringLiteral("Port to listen on."), QStringLiteral("N"));
-    const QCommandLineOption answer(QStringLiteral("answer"), QStringLiteral("Text the POS should receive."), QStringLiteral("TEXT"));
-    const QCommandLineOption delay(QStringLiteral("delay"), QStringLiteral("Time the customer takes, in ms."), QStringLiteral("MS"));
-    const QCommandLineOption replyTo(QStringLiteral("reply-to"), QStringLiteral("KICC: the service's answer listener."), QStringLiteral("ADDR[:PORT]"));
-    const QCommandLineOption model(QStringLiteral("model"), QStringLiteral("Serial terminal model."), QStringLiteral("MODEL"));
-    const QCommandLineOption link(QStringLiteral("link"), QStringLiteral("Serial: path of the port's link."), QStringLiteral("PATH"));
-    const QCommandLineOption unplugAfter(QStringLiteral("unplug-after"), QStringLiteral("Serial: pull the port out after S seconds."), QStringLiteral("S"));
-    const QCommandLineOption unplugFor(QStringLiteral("unplug-for"), QStringLiteral("Serial: and leave it out for S seconds."), QStringLiteral("S"));
+    const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")},
+                                  QStringLiteral("This text."));
+    const QCommandLineOption listen(QStringLiteral("listen"), QStringLiteral("Address to listen on."),
+                                    QStringLiteral("ADDR"));
+    const QCommandLineOption port(QStringLiteral("port"), QStringLiteral("Port to listen on."),
+                                  QStringLiteral("N"));
+    const QCommandLineOption answer(QStringLiteral("answer"), QStringLiteral("Text the POS should receive."),
+                                    QStringLiteral("TEXT"));
+    const QCommandLineOption delay(QStringLiteral("delay"), QStringLiteral("Time the customer takes, in ms."),
+                                   QStringLiteral("MS"));
+    const QCommandLineOption replyTo(QStringLiteral("reply-to"),
+                                     QStringLiteral("KICC: the service's answer listener."),
+                                     QStringLiteral("ADDR[:PORT]"));
+    const QCommandLineOption model(QStringLiteral("model"), QStringLiteral("Serial terminal model."),
+                                   QStringLiteral("MODEL"));
+    const QCommandLineOption link(QStringLiteral("link"), QStringLiteral("Serial: path of the port's link."),
+                                  QStringLiteral("PATH"));
+    const QCommandLineOption unplugAfter(QStringLiteral("unplug-after"),
+                                         QStringLiteral("Serial: pull the port out after S seconds."),
+                                         QStringLiteral("S"));
+    const QCommandLineOption unplugFor(QStringLiteral("unplug-for"),
+                                       QStringLiteral("Serial: and leave it out for S seconds."),
+                                       QStringLiteral("S"));
     parser.addOptions({help, listen, port, answer, delay, replyTo, model, link, unplugAfter, unplugFor});
     parser.addPositionalArgument(QStringLiteral("device"), QStringLiteral("printer, terminal or serial"));
     if (!parser.parse(app.arguments()))
@@ -185,7 +206,8 @@ int runDevsim(int argc, char **argv) {
     if (parser.isSet(model))
         options.model = parser.value(model);
     options.link = parser.value(link);
-    for (const auto &[option, target] : {std::pair{&unplugAfter, &options.unplugAfterS}, std::pair{&unplugFor, &options.unplugForS}}) {
+    for (const auto &[option, target] :
+         {std::pair{&unplugAfter, &options.unplugAfterS}, std::pair{&unplugFor, &options.unplugForS}}) {
         if (!parser.isSet(*option))
             continue;
         const std::optional<int> value = number(parser.value(*option), 1, 86400);

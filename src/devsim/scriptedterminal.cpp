@@ -70,9 +70,9 @@ void ScriptedTerminal::advance(QTcpSocket *socket, qsizetype index) {
         Connection &connection = all[index];
         if (step.kind == Step::Kind::AwaitBytes || step.kind == Step::Kind::AwaitMore ||
             step.kind == Step::Kind::AwaitRequest) {
-            const qsizetype wanted = step.kind == Step::Kind::AwaitBytes   ? step.count
-                                     : step.kind == Step::Kind::AwaitMore  ? connection.awaited + step.count
-                                                                           : connection.awaited + 1;
+            const qsizetype wanted = step.kind == Step::Kind::AwaitBytes  ? step.count
+                                     : step.kind == Step::Kind::AwaitMore ? connection.awaited + step.count
+                                                                          : connection.awaited + 1;
             if (connection.received.size() < wanted)
                 return; // the next readyRead comes back here
             connection.awaited = step.kind == Step::Kind::AwaitRequest ? connection.received.size() : wanted;
@@ -109,7 +109,8 @@ void ScriptedTerminal::advance(QTcpSocket *socket, qsizetype index) {
 }
 
 void ScriptedTerminal::startDelivery(const Step &step) {
-    auto *call = new AnswerCall(step.address, step.port, step.bytes, AnswerCall::Ending::WaitForListener, this);
+    auto *call =
+        new AnswerCall(step.address, step.port, step.bytes, AnswerCall::Ending::WaitForListener, this);
     delivered.append(call);
     connect(call, &AnswerCall::answerSent, this,
             [this, call] { note(QStringLiteral("answer to ") + call->target(), call->bytes()); });

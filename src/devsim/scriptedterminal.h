@@ -24,10 +24,10 @@ class ScriptedTerminal : public QObject {
 public:
     struct Step {
         enum class Kind { AwaitBytes, AwaitRequest, AwaitMore, Reply, Deliver, HangUp } kind;
-        qsizetype count = 0; // AwaitBytes: total bytes received so far; AwaitMore: bytes after those
-                             // already awaited
-        QByteArray bytes;    // Reply, Deliver
-        int delayMs = 0;     // Reply, Deliver, HangUp: after the previous step
+        qsizetype count = 0;  // AwaitBytes: total bytes received so far; AwaitMore: bytes after those
+                              // already awaited
+        QByteArray bytes;     // Reply, Deliver
+        int delayMs = 0;      // Reply, Deliver, HangUp: after the previous step
         QHostAddress address; // Deliver
         quint16 port = 0;     // Deliver
     };

@@ -27,7 +27,8 @@ QList<ScriptedTerminal::Step> kisExchange(const QByteArray &answer, int delayMs)
     using T = ScriptedTerminal;
     // The result must not reach the service together with the acknowledgement: the service
     // reads them as two replies.
-    return {T::awaitRequest(), T::reply(QByteArray(1, ACK)), T::reply(kisResultFrame(answer), qMax(delayMs, 100))};
+    return {T::awaitRequest(), T::reply(QByteArray(1, ACK)),
+            T::reply(kisResultFrame(answer), qMax(delayMs, 20))};
 }
 
 QList<ScriptedTerminal::Step> smartroExchange(const QByteArray &answer, int delayMs) {

@@ -28,7 +28,8 @@ QByteArray kisResultFrame(const QByteArray &answer);
 QByteArray listenerFrame(const QByteArray &answer);
 
 // KIS: acknowledges the request at once, then, `delayMs` later (the customer entering the
-// PIN), sends its framed result on the same connection.
+// PIN; at least 20 ms, so that the two never reach the service in one read), sends its
+// framed result on the same connection.
 QList<ScriptedTerminal::Step> kisExchange(const QByteArray &answer, int delayMs);
 // SMARTRO: acknowledges the request, reports the card read, and after the service's
 // 06 06 06 for that sends its DLE reply, the answer itself, which is acknowledged too.

@@ -10,9 +10,10 @@ namespace devsim {
 
 namespace {
 
-constexpr std::array<const char *, 32> controlNames = {
-    "NUL", "SOH", "STX", "ETX", "EOT", "ENQ", "ACK", "BEL", "BS",  "HT",  "LF",  "VT",  "FF",  "CR",  "SO",  "SI",
-    "DLE", "DC1", "DC2", "DC3", "DC4", "NAK", "SYN", "ETB", "CAN", "EM",  "SUB", "ESC", "FS",  "GS",  "RS",  "US"};
+constexpr std::array<const char *, 32> controlNames = {"NUL", "SOH", "STX", "ETX", "EOT", "ENQ", "ACK", "BEL",
+                                                       "BS",  "HT",  "LF",  "VT",  "FF",  "CR",  "SO",  "SI",
+                                                       "DLE", "DC1", "DC2", "DC3", "DC4", "NAK", "SYN", "ETB",
+                                                       "CAN", "EM",  "SUB", "ESC", "FS",  "GS",  "RS",  "US"};
 
 quint8 at(const QByteArray &bytes, qsizetype i) {
     return static_cast<quint8>(bytes.at(i));
@@ -123,7 +124,8 @@ QString render(const QByteArray &bytes, bool escPos) {
                               : control == 0x1d ? gsArguments(command, bytes, i + 1)
                                                 : fsArguments(command);
             if (count >= 0 && i + 1 + count < bytes.size()) {
-                QString tag = QStringLiteral("<%1 %2").arg(QLatin1String(controlNames[control]), QChar(command));
+                QString tag =
+                    QStringLiteral("<%1 %2").arg(QLatin1String(controlNames[control]), QChar(command));
                 for (int a = 1; a <= count; ++a)
                     tag += u' ' + QString::number(at(bytes, i + 1 + a));
                 out += tag + u'>';

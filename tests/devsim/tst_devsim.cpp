@@ -50,12 +50,19 @@ private slots:
         QTest::newRow("partial cut") << QByteArray("\x1dV\x01") << QStringLiteral("<GS V 1>");
         QTest::newRow("feed and cut") << QByteArray("\x1dV\x42\x03") << QStringLiteral("<GS V 66 3>");
         QTest::newRow("print mode") << QByteArray("\x1b!\x30") << QStringLiteral("<ESC ! 48>");
-        QTest::newRow("emphasis on") << QByteArray("\x1b" "E\x01") << QStringLiteral("<ESC E 1>");
-        QTest::newRow("centre") << QByteArray("\x1b" "a\x01") << QStringLiteral("<ESC a 1>");
-        QTest::newRow("feed lines") << QByteArray("\x1b" "d\x05") << QStringLiteral("<ESC d 5>");
+        QTest::newRow("emphasis on") << QByteArray("\x1b"
+                                                   "E\x01")
+                                     << QStringLiteral("<ESC E 1>");
+        QTest::newRow("centre") << QByteArray("\x1b"
+                                              "a\x01")
+                                << QStringLiteral("<ESC a 1>");
+        QTest::newRow("feed lines") << QByteArray("\x1b"
+                                                  "d\x05")
+                                    << QStringLiteral("<ESC d 5>");
         QTest::newRow("character size") << QByteArray("\x1d!\x11") << QStringLiteral("<GS ! 17>");
         QTest::newRow("left margin") << QByteArray("\x1dL\x10\x00", 4) << QStringLiteral("<GS L 16 0>");
-        QTest::newRow("drawer kick") << QByteArray("\x1bp\x00\x19\xfa", 5) << QStringLiteral("<ESC p 0 25 250>");
+        QTest::newRow("drawer kick") << QByteArray("\x1bp\x00\x19\xfa", 5)
+                                     << QStringLiteral("<ESC p 0 25 250>");
         QTest::newRow("korean mode") << QByteArray("\x1c&") << QStringLiteral("<FS &>");
         QTest::newRow("line feed") << QByteArray("\n") << QStringLiteral("<LF>");
         QTest::newRow("unknown ESC command") << QByteArray("\x1bZ") << QStringLiteral("<ESC>Z");
@@ -63,10 +70,15 @@ private slots:
         QTest::newRow("cut missing its argument") << QByteArray("\x1dV") << QStringLiteral("<GS>V");
         QTest::newRow("hangul") << cp(QStringLiteral("김치찌개 2")) << QStringLiteral("김치찌개 2");
         QTest::newRow("a kitchen order")
-            << QByteArray("\x1b@\x1b!\x30") + cp(QStringLiteral("주방 1번")) + "\n" + cp(QStringLiteral("김치찌개 2")) +
-                   QByteArray("\n\x1d" "V\x00", 4)
+            << QByteArray("\x1b@\x1b!\x30") + cp(QStringLiteral("주방 1번")) + "\n" +
+                   cp(QStringLiteral("김치찌개 2")) +
+                   QByteArray("\n\x1d"
+                              "V\x00",
+                              4)
             << QStringLiteral("<ESC @><ESC ! 48>주방 1번<LF>김치찌개 2<LF><GS V 0>");
-        QTest::newRow("not code page 949") << QByteArray("A\xff\x80" "B") << QStringLiteral("A<ff><80>B");
+        QTest::newRow("not code page 949") << QByteArray("A\xff\x80"
+                                                         "B")
+                                           << QStringLiteral("A<ff><80>B");
         QTest::newRow("lone lead byte at the end") << QByteArray("A\xb1") << QStringLiteral("A<b1>");
     }
     void printerTags() {
@@ -76,16 +88,19 @@ private slots:
     }
 
     void terminalBytesAreNamedNotTakenForEscPos() {
-        QCOMPARE(devsim::terminalText(QByteArray("\x02" "00") + cp(QStringLiteral("승인")) + "\x03"),
+        QCOMPARE(devsim::terminalText(QByteArray("\x02"
+                                                 "00") +
+                                      cp(QStringLiteral("승인")) + "\x03"),
                  QStringLiteral("<STX>00승인<ETX>"));
         QCOMPARE(devsim::terminalText(QByteArray("\x06\x10\x1b@")), QStringLiteral("<ACK><DLE><ESC>@"));
     }
 
     void aWireLineHoldsTimeHexAndText() {
-        const QString line = devsim::wireLine(QStringLiteral("printer"), QStringLiteral("job from 127.0.0.1:4000"),
-                                              QByteArray("\x1b@A"), devsim::printerText("\x1b@A"));
-        static const QRegularExpression shape(
-            QStringLiteral(R"(^\d\d:\d\d:\d\d\.\d\d\d printer job from 127\.0\.0\.1:4000 3 bytes \| 1b 40 41 \| <ESC @>A$)"));
+        const QString line =
+            devsim::wireLine(QStringLiteral("printer"), QStringLiteral("job from 127.0.0.1:4000"),
+                             QByteArray("\x1b@A"), devsim::printerText("\x1b@A"));
+        static const QRegularExpression shape(QStringLiteral(
+            R"(^\d\d:\d\d:\d\d\.\d\d\d printer job from 127\.0\.0\.1:4000 3 bytes \| 1b 40 41 \| <ESC @>A$)"));
         QVERIFY2(shape.match(line).hasMatch(), qPrintable(line));
     }
 
@@ -99,12 +114,17 @@ private slots:
         QVERIFY(sender.waitForConnected(2000));
         sender.write(QByteArray("\x1b@") + cp(QStringLiteral("김치찌개 2\n")));
         sender.flush();
-        QVERIFY(waitUntil([&] { return !printer.connections().isEmpty() && !printer.connections().first().received.isEmpty(); }, 2000));
+        QVERIFY(waitUntil(
+            [&] {
+                return !printer.connections().isEmpty() && !printer.connections().first().received.isEmpty();
+            },
+            2000));
         QVERIFY(lines.isEmpty()); // still open: the job may go on
         sender.write(QByteArray("\x1dV\x00", 3));
         sender.disconnectFromHost();
         QVERIFY(waitUntil([&] { return lines.size() == 1; }, 2000));
-        QVERIFY2(lines.first().endsWith(QStringLiteral("| <ESC @>김치찌개 2<LF><GS V 0>")), qPrintable(lines.first()));
+        QVERIFY2(lines.first().endsWith(QStringLiteral("| <ESC @>김치찌개 2<LF><GS V 0>")),
+                 qPrintable(lines.first()));
         QCOMPARE(printer.closedCount(), 1);
     }
 
@@ -172,7 +192,8 @@ private slots:
         service.write("\x02KICC\x03");
         QCOMPARE(readBytes(service, 1, 2000), QByteArray("\x06"));
         service.disconnectFromHost();
-        QVERIFY(waitUntil([&] { return !kicc.deliveries().isEmpty() && kicc.deliveries().first()->isFinished(); }, 2000));
+        QVERIFY(waitUntil(
+            [&] { return !kicc.deliveries().isEmpty() && kicc.deliveries().first()->isFinished(); }, 2000));
         // The listener cuts 5 bytes in front and 3 behind.
         QCOMPARE(cp949::decode(delivered.mid(5).chopped(3)), QStringLiteral("승인 OK"));
         QCOMPARE(kicc.deliveries().size(), 1);
@@ -189,13 +210,18 @@ private slots:
                 [&] { accepted << listener.nextPendingConnection(); });
 
         // Cut off: the bytes, then the terminal hangs up without waiting for the listener.
-        devsim::AnswerCall cutOff(QHostAddress::LocalHost, listener.serverPort(), "\x02" "0123OK",
+        devsim::AnswerCall cutOff(QHostAddress::LocalHost, listener.serverPort(),
+                                  "\x02"
+                                  "0123OK",
                                   devsim::AnswerCall::Ending::HangUpAfterSending);
         QVERIFY(waitUntil([&] { return cutOff.isFinished(); }, 2000));
         QVERIFY(cutOff.isSent());
         QVERIFY(!cutOff.closedByListener());
-        QVERIFY(waitUntil([&] { return accepted.size() == 1 && accepted[0]->state() != QAbstractSocket::ConnectedState; }, 2000));
-        QCOMPARE(accepted[0]->readAll(), QByteArray("\x02" "0123OK"));
+        QVERIFY(waitUntil(
+            [&] { return accepted.size() == 1 && accepted[0]->state() != QAbstractSocket::ConnectedState; },
+            2000));
+        QCOMPARE(accepted[0]->readAll(), QByteArray("\x02"
+                                                    "0123OK"));
 
         // Silent: connected, and not a byte.
         devsim::AnswerCall silent(QHostAddress::LocalHost, listener.serverPort(), "never sent",
@@ -223,7 +249,8 @@ private slots:
         service.connectToHost(QHostAddress::LocalHost, kicc.port());
         QVERIFY(service.waitForConnected(2000));
         service.write("REQ");
-        QVERIFY(waitUntil([&] { return !kicc.deliveries().isEmpty() && kicc.deliveries().first()->isFinished(); }, 3000));
+        QVERIFY(waitUntil(
+            [&] { return !kicc.deliveries().isEmpty() && kicc.deliveries().first()->isFinished(); }, 3000));
         QVERIFY(!kicc.deliveries().first()->error().isEmpty());
         QVERIFY2(lines.last().startsWith(QStringLiteral("kicc answer to 127.0.0.1:%1 failed: ").arg(nobody)),
                  qPrintable(lines.last()));

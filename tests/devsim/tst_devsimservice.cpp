@@ -50,7 +50,8 @@ private slots:
         QVERIFY2(!job.isEmpty(), qPrintable(printer.lines().join(u'\n')));
         // The job as the printer got it: code page 949 in hex, and decoded.
         QVERIFY2(job.contains(QStringLiteral(" printer job from 127.0.0.1:")), qPrintable(job));
-        QVERIFY2(job.contains(QStringLiteral("| b1 e8 c4 a1 c2 ee b0 b3 20 32 0a | 김치찌개 2<LF>")), qPrintable(job));
+        QVERIFY2(job.contains(QStringLiteral("| b1 e8 c4 a1 c2 ee b0 b3 20 32 0a | 김치찌개 2<LF>")),
+                 qPrintable(job));
         QCOMPARE(printer.lines().size(), 2);
         qInfo("%s", qPrintable(printer.lines().join(u'\n')));
     }
@@ -64,9 +65,11 @@ private slots:
         pos.send(terminalFrame(QStringLiteral("KIS"), QByteArray("\x02PAY0001000\x03")));
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 5000));
         QCOMPARE(pos.texts.first(),
-                 QStringLiteral(R"({"response":{"data":"승인 12345"},"devicetype":"CAT","devicename":"KIS7430"})"));
+                 QStringLiteral(
+                     R"({"response":{"data":"승인 12345"},"devicetype":"CAT","devicename":"KIS7430"})"));
         // What crossed the wire: the request, the acknowledgement, the framed result.
-        QVERIFY(!kis.waitForLineWith({" kis recv from 127.0.0.1:", "| <STX>PAY0001000<ETX>"}, 1000).isEmpty());
+        QVERIFY(
+            !kis.waitForLineWith({" kis recv from 127.0.0.1:", "| <STX>PAY0001000<ETX>"}, 1000).isEmpty());
         QVERIFY(!kis.waitForLineWith({" kis send to ", "1 bytes | 06 | <ACK>"}, 1000).isEmpty());
         QVERIFY(!kis.waitForLineWith({" kis send to ", "| <STX>00승인 12345<ETX>"}, 1000).isEmpty());
         qInfo("%s", qPrintable(kis.lines().join(u'\n')));
@@ -75,7 +78,8 @@ private slots:
 
     void smartroPaymentEndsWithTheDleReplyAtThePos() {
         DevsimProcess smartro;
-        QVERIFY(smartro.start({"terminal", "smartro", "--answer", QStringLiteral("정상승인 5000원"), "--delay", "200"}));
+        QVERIFY(smartro.start(
+            {"terminal", "smartro", "--answer", QStringLiteral("정상승인 5000원"), "--delay", "200"}));
         ServiceProcess service;
         PosClient pos;
         startWithTcpTerminal(service, pos, QStringLiteral("SMARTRO"));
@@ -88,8 +92,9 @@ private slots:
         QCOMPARE(lines.count(QStringLiteral("ack success")), 2);
         QVERIFY(lines.contains(QStringLiteral("DLE COMES!")));
         // Both of the terminal's later replies were acknowledged on its wire.
-        QVERIFY(waitUntil([&] { return smartro.lines().filter(QStringLiteral("3 bytes | 06 06 06 |")).size() == 2; },
-                          2000));
+        QVERIFY(waitUntil(
+            [&] { return smartro.lines().filter(QStringLiteral("3 bytes | 06 06 06 |")).size() == 2; },
+            2000));
     }
 
     void kiccPaymentComesBackThroughTheAnswerListener() {
@@ -99,14 +104,17 @@ private slots:
         QVERIFY(kicc.start({"terminal", "kicc", "--answer", QStringLiteral("승인 OK"), "--delay", "200"}));
         // By default it answers where the service listens: the first address, port 13189.
         QCOMPARE(kicc.lines().first(),
-                 QStringLiteral("kicc terminal listening on 127.0.0.1:13189, answers to %1:13189").arg(addresses.first()));
+                 QStringLiteral("kicc terminal listening on 127.0.0.1:13189, answers to %1:13189")
+                     .arg(addresses.first()));
         ServiceProcess service;
         PosClient pos;
         startWithTcpTerminal(service, pos, QStringLiteral("KICC"));
         pos.send(terminalFrame(QStringLiteral("KICC"), QByteArray("\x02KICC-REQ\x03")));
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 5000));
-        QCOMPARE(jsonObject(pos.texts.first()), expectedAnswer(QStringLiteral("승인 OK"), QStringLiteral("TS-132N:TS-167")));
-        QVERIFY(!kicc.waitForLineWith({" kicc answer to " + addresses.first() + ":13189", "<STX>0000승인 OK<ETX>00"}, 1000)
+        QCOMPARE(jsonObject(pos.texts.first()),
+                 expectedAnswer(QStringLiteral("승인 OK"), QStringLiteral("TS-132N:TS-167")));
+        QVERIFY(!kicc.waitForLineWith(
+                         {" kicc answer to " + addresses.first() + ":13189", "<STX>0000승인 OK<ETX>00"}, 1000)
                      .isEmpty());
     }
 
@@ -114,7 +122,8 @@ private slots:
         QTemporaryDir dir;
         const QString link = dir.filePath(QStringLiteral("ts132n"));
         DevsimProcess terminal;
-        QVERIFY(terminal.start({"serial", "--model", "TS-132N", "--link", link, "--answer", QStringLiteral("승인 777")}));
+        QVERIFY(terminal.start(
+            {"serial", "--model", "TS-132N", "--link", link, "--answer", QStringLiteral("승인 777")}));
         const QString path = terminal.lines().first();
         QCOMPARE(path, link);
         QVERIFY(QFile::exists(path));
@@ -136,8 +145,9 @@ private slots:
                 return waitUntil([&] { return !pos.texts.isEmpty(); }, 500);
             },
             5000));
-        QCOMPARE(pos.texts.first(),
-                 QStringLiteral(R"({"response":{"data":"승인 777"},"devicetype":"CAT","devicename":"TS-132N"})"));
+        QCOMPARE(
+            pos.texts.first(),
+            QStringLiteral(R"({"response":{"data":"승인 777"},"devicetype":"CAT","devicename":"TS-132N"})"));
         QVERIFY(!terminal.waitForLineWith({" TS-132N recv ", "| PAY"}, 1000).isEmpty());
         QVERIFY(!terminal.waitForLineWith({" TS-132N send ", "| <STX>0000승인 77700<ETX>"}, 1000).isEmpty());
     }
