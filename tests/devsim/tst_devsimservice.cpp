@@ -151,6 +151,43 @@ private slots:
         QVERIFY(!terminal.waitForLineWith({" TS-132N recv ", "| PAY"}, 1000).isEmpty());
         QVERIFY(!terminal.waitForLineWith({" TS-132N send ", "| <STX>0000승인 77700<ETX>"}, 1000).isEmpty());
     }
+
+    void serialTerminalUnpluggedAndBackIsOpenedAgain() {
+        QTemporaryDir dir;
+        const QString link = dir.filePath(QStringLiteral("kis7430"));
+        DevsimProcess terminal;
+        QVERIFY(terminal.start({"serial", "--model", "KIS-7430", "--link", link, "--answer",
+                                QStringLiteral("재승인"), "--unplug-after", "1", "--unplug-for", "1"}));
+        qputenv("TERANOCOUNTER_SERIAL_PORTS", QFile::encodeName(link));
+        ServiceProcess service;
+        service.set(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
+        service.set(QStringLiteral("USB_PORT"), link);
+        service.set(QStringLiteral("SERIAL_DEVICE_TYPE"), QStringLiteral("KIS-7430"));
+        PosClient pos;
+        const bool started = startAndConnect(service, pos);
+        qunsetenv("TERANOCOUNTER_SERIAL_PORTS");
+        QVERIFY(started);
+
+        QVERIFY(
+            !terminal.waitForLineWith({QStringLiteral("KIS-7430 unplugged from ") + link}, 3000).isEmpty());
+        QVERIFY(!QFile::exists(link));
+        const QString back =
+            terminal.waitForLineWith({QStringLiteral("KIS-7430 plugged in again at ") + link}, 3000);
+        QVERIFY(!back.isEmpty());
+        QVERIFY(QFile::exists(link));
+        // The service notices the port again and opens it; until then a payment finds no port.
+        // Whatever answers is the terminal as plugged in again: nothing was sent before.
+        QVERIFY(waitUntil(
+            [&] {
+                if (pos.texts.isEmpty())
+                    pos.send(serialPayment("PAY"));
+                return waitUntil([&] { return !pos.texts.isEmpty(); }, 300);
+            },
+            5000)); // the terminal goes again after a second; then the next time it is back
+        QCOMPARE(
+            pos.texts.first(),
+            QStringLiteral(R"({"response":{"data":"재승인"},"devicetype":"CAT","devicename":"KIS-7430"})"));
+    }
 };
 
 QTEST_GUILESS_MAIN(DevsimServiceTest)
