@@ -22,6 +22,31 @@ QString serialPayment(const QByteArray &data) {
     return QStringLiteral(R"({"requesttype":"payment","data":[%1]})").arg(values.join(u','));
 }
 
+// The service with USB active, the simulated terminal's link as its port and `model` as
+// its device type.
+bool startWithSerialTerminal(ServiceProcess &service, PosClient &pos, const QString &link,
+                             const QString &model) {
+    qputenv("TERANOCOUNTER_SERIAL_PORTS", QFile::encodeName(link));
+    service.set(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
+    service.set(QStringLiteral("USB_PORT"), link);
+    service.set(QStringLiteral("SERIAL_DEVICE_TYPE"), model);
+    const bool started = startAndConnect(service, pos);
+    qunsetenv("TERANOCOUNTER_SERIAL_PORTS");
+    return started;
+}
+
+// The service opens the port a moment after it has seen it; a payment sent before that
+// finds no port and is lost. So a payment goes every 300 ms until one is answered.
+bool payUntilAnswered(PosClient &pos, int timeoutMs) {
+    return waitUntil(
+        [&] {
+            if (pos.texts.isEmpty())
+                pos.send(serialPayment("PAY"));
+            return waitUntil([&] { return !pos.texts.isEmpty(); }, 300);
+        },
+        timeoutMs);
+}
+
 } // namespace
 
 class DevsimServiceTest : public QObject {
@@ -128,23 +153,10 @@ private slots:
         QCOMPARE(path, link);
         QVERIFY(QFile::exists(path));
 
-        qputenv("TERANOCOUNTER_SERIAL_PORTS", QFile::encodeName(path));
         ServiceProcess service;
-        service.set(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
-        service.set(QStringLiteral("USB_PORT"), path);
-        service.set(QStringLiteral("SERIAL_DEVICE_TYPE"), QStringLiteral("TS-132N"));
         PosClient pos;
-        const bool started = startAndConnect(service, pos);
-        qunsetenv("TERANOCOUNTER_SERIAL_PORTS");
-        QVERIFY(started);
-        // The service opens the port shortly after it starts; a payment before that is lost.
-        QVERIFY(waitUntil(
-            [&] {
-                if (pos.texts.isEmpty())
-                    pos.send(serialPayment("PAY"));
-                return waitUntil([&] { return !pos.texts.isEmpty(); }, 500);
-            },
-            5000));
+        QVERIFY(startWithSerialTerminal(service, pos, path, QStringLiteral("TS-132N")));
+        QVERIFY(payUntilAnswered(pos, 5000));
         QCOMPARE(
             pos.texts.first(),
             QStringLiteral(R"({"response":{"data":"승인 777"},"devicetype":"CAT","devicename":"TS-132N"})"));
@@ -158,15 +170,9 @@ private slots:
         DevsimProcess terminal;
         QVERIFY(terminal.start({"serial", "--model", "KIS-7430", "--link", link, "--answer",
                                 QStringLiteral("재승인"), "--unplug-after", "1", "--unplug-for", "1"}));
-        qputenv("TERANOCOUNTER_SERIAL_PORTS", QFile::encodeName(link));
         ServiceProcess service;
-        service.set(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
-        service.set(QStringLiteral("USB_PORT"), link);
-        service.set(QStringLiteral("SERIAL_DEVICE_TYPE"), QStringLiteral("KIS-7430"));
         PosClient pos;
-        const bool started = startAndConnect(service, pos);
-        qunsetenv("TERANOCOUNTER_SERIAL_PORTS");
-        QVERIFY(started);
+        QVERIFY(startWithSerialTerminal(service, pos, link, QStringLiteral("KIS-7430")));
 
         QVERIFY(
             !terminal.waitForLineWith({QStringLiteral("KIS-7430 unplugged from ") + link}, 3000).isEmpty());
@@ -175,15 +181,9 @@ private slots:
             terminal.waitForLineWith({QStringLiteral("KIS-7430 plugged in again at ") + link}, 3000);
         QVERIFY(!back.isEmpty());
         QVERIFY(QFile::exists(link));
-        // The service notices the port again and opens it; until then a payment finds no port.
-        // Whatever answers is the terminal as plugged in again: nothing was sent before.
-        QVERIFY(waitUntil(
-            [&] {
-                if (pos.texts.isEmpty())
-                    pos.send(serialPayment("PAY"));
-                return waitUntil([&] { return !pos.texts.isEmpty(); }, 300);
-            },
-            5000)); // the terminal goes again after a second; then the next time it is back
+        // Whatever answers is the terminal as plugged in again: nothing was sent before. It
+        // goes again a second later; then the next time it is back.
+        QVERIFY(payUntilAnswered(pos, 5000));
         QCOMPARE(
             pos.texts.first(),
             QStringLiteral(R"({"response":{"data":"재승인"},"devicetype":"CAT","devicename":"KIS-7430"})"));
