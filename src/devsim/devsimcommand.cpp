@@ -18,8 +18,8 @@ namespace {
 
 const char *const usageText = R"(Usage:
   teranocounter-devsim printer [--listen ADDR] [--port N]
-  teranocounter-devsim terminal kis|kicc|smartro [--listen ADDR] [--answer TEXT] [--delay MS]
-                                                 [--reply-to ADDR[:PORT]]
+  teranocounter-devsim terminal kis|kicc|smartro [--listen ADDR] [--port N] [--answer TEXT]
+                                                 [--delay MS] [--reply-to ADDR[:PORT]]
   teranocounter-devsim serial [--model TS-132N|TS-167|SMT-T263|KIS-7430] [--answer TEXT]
                               [--link PATH] [--unplug-after S] [--unplug-for S]
 Simulated kitchen printer and card terminals for developing a POS without hardware.

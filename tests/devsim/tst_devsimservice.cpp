@@ -188,6 +188,55 @@ private slots:
             pos.texts.first(),
             QStringLiteral(R"({"response":{"data":"재승인"},"devicetype":"CAT","devicename":"KIS-7430"})"));
     }
+
+    void mistakesOnTheCommandLineAreOneLineErrors_data() {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("unknown terminal")
+            << QStringList{"terminal", "foo"}
+            << QStringLiteral(R"(teranocounter-devsim: unknown terminal "foo" (kis, kicc or smartro))");
+        QTest::newRow("unknown model")
+            << QStringList{"serial", "--model", "X-1"}
+            << QStringLiteral(
+                   R"(teranocounter-devsim: unknown model "X-1" (TS-132N, TS-167, SMT-T263, KIS-7430))");
+        QTest::newRow("port not a number")
+            << QStringList{"printer", "--port", "x"}
+            << QStringLiteral("teranocounter-devsim: --port takes a number from "
+                              "1 to 65535");
+        QTest::newRow("answer without code page 949")
+            << QStringList{"terminal", "kis", "--answer", QStringLiteral("승인 😀")}
+            << QStringLiteral(
+                   "teranocounter-devsim: --answer has characters that code page 949 does not have");
+        QTest::newRow("unknown command")
+            << QStringList{"scanner"}
+            << QStringLiteral(R"(teranocounter-devsim: unknown command "scanner"; )"
+                              "see --help");
+    }
+    void mistakesOnTheCommandLineAreOneLineErrors() {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, error);
+        QProcess devsim;
+        devsim.start(QStringLiteral(DEVSIM_BIN), arguments);
+        QVERIFY(devsim.waitForFinished(5000));
+        QCOMPARE(devsim.exitCode(), 2);
+        QCOMPARE(QString::fromUtf8(devsim.readAllStandardError()), error + u'\n');
+        QCOMPARE(devsim.readAllStandardOutput(), QByteArray());
+    }
+
+    void aTakenPortIsSaidAndTheSimulatorEnds() {
+        DevsimProcess first;
+        QVERIFY(first.start({"printer", "--port", "9150"}));
+        QProcess second;
+        second.start(QStringLiteral(DEVSIM_BIN), {"printer", "--port", "9150"});
+        QVERIFY(second.waitForFinished(5000));
+        QCOMPARE(second.exitCode(), 2);
+        const QString error = QString::fromUtf8(second.readAllStandardError());
+        QVERIFY2(error.startsWith(
+                     QStringLiteral("teranocounter-devsim: printer cannot listen on 127.0.0.1:9150: ")) &&
+                     error.count(u'\n') == 1,
+                 qPrintable(error));
+        QVERIFY(first.isRunning());
+    }
 };
 
 QTEST_GUILESS_MAIN(DevsimServiceTest)
