@@ -177,10 +177,8 @@ private slots:
     }
 
     void unprintableTextForAnUnreachablePrinterOnlyReportsTheConnectError() {
-        QTcpServer closedPort;
-        QVERIFY(closedPort.listen(QHostAddress::LocalHost));
-        const quint16 deadPort = closedPort.serverPort();
-        closedPort.close();
+        const quint16 deadPort = devsim::refusingPort();
+        QVERIFY(deadPort != 0);
         ServiceProcess service;
         PosClient pos;
         QVERIFY(startAndConnect(service, pos));

@@ -8,6 +8,7 @@
 #include "localaddresses.h"
 #include "posclient.h"
 #include "printer.h"
+#include "switchedoffdevice.h"
 #include "processusage.h"
 #include "scriptedterminal.h"
 #include "servicefixture.h"
@@ -826,10 +827,8 @@ private slots:
     // ---- Kitchen printers ------------------------------------------------------------
 
     void refusingPrinterHoldsUpNoOtherOrder() {
-        QTcpServer closed; // bound, then freed: nothing listens there
-        QVERIFY(closed.listen(QHostAddress::LocalHost));
-        const quint16 refusing = closed.serverPort();
-        closed.close();
+        const quint16 refusing = devsim::refusingPort();
+        QVERIFY(refusing != 0);
         devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;

@@ -33,4 +33,15 @@ private:
     std::vector<std::unique_ptr<QTcpSocket>> fillers;
 };
 
+// A loopback port on which nothing listens (bound, then freed): a device that refuses every
+// connection at once, switched on but not serving. 0 when no port could be had.
+inline quint16 refusingPort() {
+    QTcpServer probe;
+    if (!probe.listen(QHostAddress::LocalHost, 0))
+        return 0;
+    const quint16 port = probe.serverPort();
+    probe.close();
+    return port;
+}
+
 } // namespace devsim
