@@ -47,6 +47,12 @@ AnswerCall::AnswerCall(const QHostAddress &address, quint16 port, const QByteArr
     socket.connectToHost(address, port);
 }
 
+AnswerCall::~AnswerCall() {
+    // A socket still open closes as it is destroyed, after the timer: its signals must not
+    // reach a half-destroyed call.
+    socket.disconnect(this);
+}
+
 void AnswerCall::hangUp() {
     if (finished)
         return;

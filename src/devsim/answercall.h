@@ -21,6 +21,7 @@ public:
 
     AnswerCall(const QHostAddress &address, quint16 port, const QByteArray &bytes,
                Ending ending = Ending::WaitForListener, QObject *parent = nullptr);
+    ~AnswerCall() override;
 
     QString target() const { return to; }
     QByteArray bytes() const { return answer; }
