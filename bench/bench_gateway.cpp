@@ -1,8 +1,8 @@
 // How long a kitchen order takes from the POS's frame to the printer's socket, and what
 // parsing a request costs as its "data" grows. In-process gateway on an ephemeral port,
 // a fake printer on loopback, a real WebSocket client.
-#include "fakeprinter.h"
 #include "posclient.h"
+#include "printer.h"
 #include "request.h"
 #include "userdefaults.h"
 #include "wait.h"
@@ -30,7 +30,7 @@ double percentile(std::vector<double> values, double p) {
 }
 
 void kitchenLatency(quint16 gatewayPort, int orders, int burst) {
-    FakePrinter printer;
+    devsim::Printer printer;
     printer.listen();
     PosClient pos;
     pos.open(gatewayPort);

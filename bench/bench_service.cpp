@@ -12,7 +12,8 @@
 // BENCH_CASES picks cases; the table goes to standard output, progress and diagnostics to
 // standard error.
 #include "cp949.h"
-#include "ptyterminal.h"
+#include "printer.h"
+#include "pseudoterminal.h"
 #include "terminalframes.h"
 #include "wait.h"
 
@@ -23,6 +24,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QSet>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -288,48 +290,41 @@ int runEcho() {
 // (the text ends in a line feed) has come; its number is the "#1234 " it starts with.
 // When all `expected` orders are there, each one's arrival time is reported.
 int runPrinters(int count, int expected) {
-    std::vector<std::unique_ptr<QTcpServer>> servers;
+    std::vector<std::unique_ptr<devsim::Printer>> printers;
     std::vector<std::pair<int, qint64>> arrivals; // order number, arrival
     arrivals.reserve(size_t(expected));
     QStringList ports;
     for (int i = 0; i < count; ++i) {
-        auto server = std::make_unique<QTcpServer>();
+        auto printer = std::make_unique<devsim::Printer>();
         // Room for every order's connection at once: a short queue would drop connection
         // attempts and measure SYN retransmission instead of the service.
-        server->setListenBacklogSize(4096);
-        if (!server->listen(QHostAddress::LocalHost, 0)) {
-            std::printf("failed %s\n", qPrintable(server->errorString()));
+        printer->setListenBacklogSize(4096);
+        if (!printer->listen()) {
+            std::printf("failed %s\n", qPrintable(printer->errorString()));
             std::fflush(stdout);
             return 1;
         }
-        ports << QString::number(server->serverPort());
-        QTcpServer *raw = server.get();
-        QObject::connect(raw, &QTcpServer::newConnection, [raw, &arrivals, expected] {
-            while (QTcpSocket *socket = raw->nextPendingConnection()) {
-                auto received = std::make_shared<QByteArray>();
-                QObject::connect(
-                    socket, &QTcpSocket::readyRead, socket, [socket, received, &arrivals, expected] {
-                        *received += socket->readAll();
-                        if (!received->endsWith('\n') || !received->startsWith('#'))
-                            return;
-                        const qint64 at = nowNs();
-                        const int number = received->mid(1, received->indexOf(' ') - 1).toInt();
-                        received->clear();
-                        received->append('\0'); // counted once, even if more bytes came
-                        arrivals.emplace_back(number, at);
-                        if (int(arrivals.size()) != expected)
-                            return;
-                        QByteArray report;
-                        for (const auto &[n, t] : arrivals)
-                            report += "o " + QByteArray::number(n) + ' ' + QByteArray::number(t) + '\n';
-                        report += "done\n";
-                        std::fwrite(report.constData(), 1, size_t(report.size()), stdout);
-                        std::fflush(stdout);
-                    });
-                QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-            }
-        });
-        servers.push_back(std::move(server));
+        ports << QString::number(printer->port());
+        devsim::Printer *raw = printer.get();
+        auto counted = std::make_shared<QSet<qsizetype>>(); // connections whose order is in
+        QObject::connect(
+            raw, &devsim::Printer::bytesReceived, [raw, counted, &arrivals, expected](qsizetype index) {
+                const QByteArray &received = raw->connections()[index].received;
+                if (counted->contains(index) || !received.endsWith('\n') || !received.startsWith('#'))
+                    return;
+                const qint64 at = nowNs();
+                counted->insert(index); // counted once, even if more bytes come
+                arrivals.emplace_back(received.mid(1, received.indexOf(' ') - 1).toInt(), at);
+                if (int(arrivals.size()) != expected)
+                    return;
+                QByteArray report;
+                for (const auto &[n, t] : arrivals)
+                    report += "o " + QByteArray::number(n) + ' ' + QByteArray::number(t) + '\n';
+                report += "done\n";
+                std::fwrite(report.constData(), 1, size_t(report.size()), stdout);
+                std::fflush(stdout);
+            });
+        printers.push_back(std::move(printer));
     }
     std::printf("ready %s\n", qPrintable(ports.join(u' ')));
     std::fflush(stdout);
@@ -882,11 +877,11 @@ bool holdsOpen(pid_t pid, const QString &device) {
 void serialAnswerLatency(int runs) {
     const QString name = QStringLiteral("serial answer: last byte written → frame at the POS (TS-132N, pty)");
     QString why;
-    PtyTerminal terminal;
+    devsim::PseudoTerminal terminal;
     QTemporaryDir dir;
     if (!terminal.isValid() || !dir.isValid())
         return failedRow(name, QStringLiteral("no pseudo-terminal"));
-    PortLink link(dir.filePath(QStringLiteral("card-terminal")));
+    devsim::PortLink link(dir.filePath(QStringLiteral("card-terminal")));
     if (!link.plug(terminal))
         return failedRow(name, QStringLiteral("no link to the pseudo-terminal"));
 

@@ -11,13 +11,14 @@
 // Uses the service's fixed ports (49999, 5000, 5501, 13189) and needs a non-loopback
 // interface up: run it where nothing else uses them (bench/soak.sh says how).
 #include "cp949.h"
-#include "fakeprinter.h"
-#include "faketerminal.h"
 #include "posclient.h"
+#include "printer.h"
 #include "processusage.h"
-#include "ptyterminal.h"
+#include "pseudoterminal.h"
+#include "scriptedterminal.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QCommandLineParser>
@@ -67,23 +68,22 @@ int main(int argc, char *argv[]) {
     QTemporaryDir dir;
     const QString linkPath = dir.filePath(QStringLiteral("card-terminal"));
     qputenv("TERANOCOUNTER_SERIAL_PORTS", QFile::encodeName(linkPath));
-    PtyTerminal serialTerminal;
-    PortLink link(linkPath);
+    devsim::PseudoTerminal serialTerminal;
+    devsim::PortLink link(linkPath);
     if (!serialTerminal.isValid() || !link.plug(serialTerminal)) {
         say(QStringLiteral("no pseudo-terminal"));
         return 2;
     }
 
     const QByteArray kisAnswer = cp949::encode(QStringLiteral("승인 완료 KIS")).value();
-    FakeTerminal kis;
-    FakePrinter printers[2];
+    devsim::ScriptedTerminal kis;
+    devsim::Printer printers[2];
     if (!kis.listen(5000, QHostAddress::LocalHost) || !printers[0].listen() || !printers[1].listen()) {
         say(QStringLiteral("could not listen for the fake terminal or printers"));
         return 2;
     }
     const QByteArray kisRequest("\x02PAY-SOAK\x03");
-    kis.setScript({FakeTerminal::awaitBytes(kisRequest.size()), FakeTerminal::reply("\x06"),
-                   FakeTerminal::reply(kisResult(kisAnswer), 20)});
+    kis.setScript(devsim::kisExchange(kisAnswer, 20));
 
     ServiceProcess service;
     service.runToEnd(
@@ -252,7 +252,7 @@ int main(int argc, char *argv[]) {
     }
     const qint64 endKiB = ProcessUsage::residentKiB(pid);
     qint64 printed = 0;
-    for (const FakePrinter &printer : printers)
+    for (const devsim::Printer &printer : printers)
         for (const auto &c : printer.connections())
             printed += !c.received.isEmpty();
     if (printed != ordersSent) {

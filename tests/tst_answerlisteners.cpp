@@ -2,6 +2,7 @@
 // that is up, running and not loopback. The test makes a network namespace of its own,
 // with an interface that is up but has no carrier (listed first) and a veth pair that is
 // up at both ends, and runs the service inside it. Needs root, as CI has.
+#include "answercall.h"
 #include "posclient.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
@@ -40,15 +41,11 @@ QString linkState(const QString &ns, const QString &name) {
 
 bool answerReachesThePos(PosClient &pos, const QString &address, quint16 port) {
     const qsizetype before = pos.texts.size();
-    QTcpSocket terminal;
-    terminal.connectToHost(QHostAddress(address), port);
-    if (!terminal.waitForConnected(2000))
-        return false;
-    terminal.write("\x02"
-                   "0123APPROVED\x03"
-                   "XY");
-    terminal.flush();
-    return waitUntil([&] { return pos.texts.size() > before; }, 3000);
+    devsim::AnswerCall terminal{QHostAddress(address), port,
+                                "\x02"
+                                "0123APPROVED\x03"
+                                "XY"};
+    return waitUntil([&] { return terminal.isConnected() && pos.texts.size() > before; }, 3000);
 }
 
 bool refused(const QString &address, quint16 port) {

@@ -2,10 +2,11 @@
 // KIS terminal on 127.0.0.1:5000, and the POS page running in headless Chromium: what a
 // shop's browser receives, decoded by the browser itself.
 #include "cp949.h"
-#include "faketerminal.h"
 #include "headlesschromium.h"
+#include "scriptedterminal.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QFile>
@@ -55,10 +56,9 @@ private slots:
         const QByteArray request("\x02"
                                  "PAY0001000\x03",
                                  12);
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         QVERIFY2(kis.listen(5000), "cannot listen on 127.0.0.1:5000 for the fake KIS terminal");
-        kis.setScript({FakeTerminal::awaitBytes(request.size()), FakeTerminal::reply("\x06"),
-                       FakeTerminal::reply(kisResult(cp949::encode(text).value()), 300)});
+        kis.setScript(devsim::kisExchange(cp949::encode(text).value(), 300));
 
         ServiceProcess service;
         QCOMPARE(service.runToEnd({"--set", "MAIN_INTERFACE=TCP", "--set", "TCP_IP=127.0.0.1"}), 0);

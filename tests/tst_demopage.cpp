@@ -4,11 +4,12 @@
 // and a fake KIS terminal on 127.0.0.1:5000. What counts is what the devices receive and
 // what the page shows.
 #include "cp949.h"
-#include "fakeprinter.h"
-#include "faketerminal.h"
 #include "headlesschromium.h"
+#include "printer.h"
+#include "scriptedterminal.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QFileInfo>
@@ -35,16 +36,13 @@ QString jsString(const QString &text) {
 class DemoPageTest : public QObject {
     Q_OBJECT
 
-    FakeTerminal kis;
-    FakePrinter printer;
+    devsim::ScriptedTerminal kis;
+    devsim::Printer printer;
     ServiceProcess service;
     HeadlessChromium browser;
 
     // The KIS exchange of a payment: the ACK at once, the customer's approval 300 ms later.
-    void scriptPayment() {
-        kis.setScript({FakeTerminal::awaitBytes(paymentFrame.size()), FakeTerminal::reply("\x06"),
-                       FakeTerminal::reply(kisResult(cp949::encode(approval).value()), 300)});
-    }
+    void scriptPayment() { kis.setScript(devsim::kisExchange(cp949::encode(approval).value(), 300)); }
 
     // Says once why the page cannot be read, not on every poll of a wait.
     std::optional<QJsonValue> evaluate(const QString &js) {
@@ -171,7 +169,8 @@ private slots:
         const QString slip = QStringLiteral("영수증 재출력\n합계 12,000원\n");
         const QByteArray expected = cp949::encode(slip).value();
         // A print job ends with the terminal's first reply; an ACK gives the POS nothing.
-        kis.setScript({FakeTerminal::awaitBytes(expected.size()), FakeTerminal::reply("\x06")});
+        kis.setScript(
+            {devsim::ScriptedTerminal::awaitBytes(expected.size()), devsim::ScriptedTerminal::reply("\x06")});
         QCOMPARE(fill(QStringLiteral("print-van"), QStringLiteral("KIS")), QStringLiteral("KIS"));
         QCOMPARE(fill(QStringLiteral("print-text"), slip), slip);
         QVERIFY(click(QStringLiteral("print-send")));

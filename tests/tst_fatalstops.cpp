@@ -1,10 +1,10 @@
 // Malformed POS requests stop the service on purpose, and only they do: each case runs
 // the real executable, sends one frame and watches how the process ends.
-#include "blackhole.h"
-#include "fakeprinter.h"
 #include "posclient.h"
+#include "printer.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
+#include "switchedoffdevice.h"
 #include "wait.h"
 
 #include <QtTest>
@@ -19,7 +19,7 @@ class FatalStopsTest : public QObject {
 
     // Starts the service with the given interface setting and sends `frame` from a POS;
     // PRINTER in the frame stands for the port of `printer`.
-    void startAndSend(ServiceProcess &service, PosClient &pos, FakePrinter &printer, const QString &frame,
+    void startAndSend(ServiceProcess &service, PosClient &pos, devsim::Printer &printer, const QString &frame,
                       const QString &mainInterface) {
         QVERIFY(printer.listen());
         if (!mainInterface.isEmpty())
@@ -30,7 +30,7 @@ class FatalStopsTest : public QObject {
 
     void expectStop(const QString &frame, const QString &mainInterface, const QString &reasonPart,
                     int *printerConnections = nullptr, QByteArray *printerBytes = nullptr) {
-        FakePrinter printer;
+        devsim::Printer printer;
         ServiceProcess service;
         PosClient pos;
         startAndSend(service, pos, printer, frame, mainInterface);
@@ -53,7 +53,7 @@ class FatalStopsTest : public QObject {
     }
 
     void expectNoStop(const QString &frame, const QString &mainInterface) {
-        FakePrinter printer;
+        devsim::Printer printer;
         ServiceProcess service;
         PosClient pos;
         startAndSend(service, pos, printer, frame, mainInterface);
@@ -177,10 +177,8 @@ private slots:
     }
 
     void unprintableTextForAnUnreachablePrinterOnlyReportsTheConnectError() {
-        QTcpServer closedPort;
-        QVERIFY(closedPort.listen(QHostAddress::LocalHost));
-        const quint16 deadPort = closedPort.serverPort();
-        closedPort.close();
+        const quint16 deadPort = devsim::refusingPort();
+        QVERIFY(deadPort != 0);
         ServiceProcess service;
         PosClient pos;
         QVERIFY(startAndConnect(service, pos));

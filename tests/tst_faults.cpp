@@ -3,15 +3,18 @@
 // terminals and printers that go silent, hang up or talk too much, and SIGKILL right
 // after a setting is written. None of these is a deliberate stop, so every case ends the
 // same way: the service is still running and serves the next POS request.
+#include "answercall.h"
 #include "cp949.h"
-#include "fakeprinter.h"
-#include "faketerminal.h"
 #include "localaddresses.h"
 #include "posclient.h"
+#include "printer.h"
+#include "switchedoffdevice.h"
 #include "processusage.h"
+#include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QCryptographicHash>
@@ -264,19 +267,19 @@ struct TerminalCase {
     QString requestType;
     quint16 port = 0;
     QByteArray request;
-    QList<FakeTerminal::Step> script;
+    QList<devsim::ScriptedTerminal::Step> script;
 };
 
 } // namespace
 
-Q_DECLARE_METATYPE(QList<FakeTerminal::Step>)
+Q_DECLARE_METATYPE(QList<devsim::ScriptedTerminal::Step>)
 
 class FaultsTest : public QObject {
     Q_OBJECT
 
     // Sends `request` from a fresh POS page to a fake terminal running `script` on
     // loopback (MAIN_INTERFACE=TCP), and waits until the terminal has the request.
-    void startExchange(ServiceProcess &service, PosClient &pos, FakeTerminal &terminal,
+    void startExchange(ServiceProcess &service, PosClient &pos, devsim::ScriptedTerminal &terminal,
                        const TerminalCase &c) {
         QVERIFY(terminal.listen(c.port, QHostAddress::LocalHost));
         terminal.setScript(c.script);
@@ -304,7 +307,7 @@ private slots:
     }
     void largeKitchenOrderReachesThePrinterIntact() {
         QFETCH(qsizetype, frameSize);
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         const SizedOrder order = sizedKitchenOrder(frameSize, printer.port(),
                                                    QStringLiteral("주문: 김치찌개 2, 똠얌꿍 1, 콜라 3\n"));
@@ -346,7 +349,7 @@ private slots:
     }
 
     void kitchenOrderOneByteOver16MiBIsRefusedWith1009() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         const SizedOrder order =
             sizedKitchenOrder(16 * MiB + 1, printer.port(), QStringLiteral("김치찌개 1\n"));
@@ -395,7 +398,7 @@ private slots:
     }
 
     void requestSentOneBytePerSegmentIsServed() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         QVERIFY(service.start());
@@ -421,7 +424,7 @@ private slots:
     }
 
     void twoHundredStalledHandshakesLeaveThePosServed() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         QVERIFY(service.start());
@@ -465,10 +468,9 @@ private slots:
 
     void fiveHundredOpenConnectionsAndTheSenderGetsItsAnswer() {
         const QByteArray request("\x02PAY500\x03");
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000, QHostAddress::LocalHost));
-        kis.setScript({FakeTerminal::awaitBytes(request.size()), FakeTerminal::reply("\x06"),
-                       FakeTerminal::reply(kisResult(cp(QStringLiteral("승인 500"))), 100)});
+        kis.setScript(devsim::kisExchange(cp(QStringLiteral("승인 500")), 100));
         ServiceProcess service;
         QVERIFY(configureTcp(service));
         QVERIFY(service.start());
@@ -532,14 +534,14 @@ private slots:
         QFETCH(quint16, port);
         QFETCH(QByteArray, request);
         QFETCH(QString, line);
-        FakeTerminal terminal; // takes the connection, then says nothing
+        devsim::ScriptedTerminal terminal; // takes the connection, then says nothing
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, terminal, {van, requestType, port, request, {}});
         if (QTest::currentTestFailed())
             return;
         QVERIFY(waitUntil([&] { return terminal.closedCount() == 1; }, 5000));
-        const FakeTerminal::Connection &c = terminal.connections().first();
+        const devsim::ScriptedTerminal::Connection &c = terminal.connections().first();
         const qint64 held = c.closedAtMs - c.receivedAtMs.last();
         qInfo("closed %lld ms after the request", static_cast<long long>(held));
         QVERIFY2(held >= 900 && held <= 3000, qPrintable(QString::number(held)));
@@ -555,18 +557,19 @@ private slots:
         // runs one script for every connection, so the request decides which one it is.
         const QByteArray silent("\x02PAY\x03");
         const QByteArray answered("\x02PAY-2\x03");
-        FakeTerminal kis;
-        FakePrinter printer;
+        devsim::ScriptedTerminal kis;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;
-        startExchange(service, pos, kis,
-                      {"KIS",
-                       "payment",
-                       5000,
-                       silent,
-                       {FakeTerminal::awaitBytes(answered.size()), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply(kisResult(cp(QStringLiteral("승인 2"))), 100)}});
+        startExchange(
+            service, pos, kis,
+            {"KIS",
+             "payment",
+             5000,
+             silent,
+             {devsim::ScriptedTerminal::awaitBytes(answered.size()), devsim::ScriptedTerminal::reply("\x06"),
+              devsim::ScriptedTerminal::reply(kisResult(cp(QStringLiteral("승인 2"))), 100)}});
         if (QTest::currentTestFailed())
             return;
         keepRunningFor(1500); // past the first reply's second: now it waits up to 300 s
@@ -595,10 +598,10 @@ private slots:
     void terminalThatHangsUpInTheMiddleOfAnAnswer_data() {
         QTest::addColumn<QString>("van");
         QTest::addColumn<quint16>("port");
-        QTest::addColumn<QList<FakeTerminal::Step>>("script");
+        QTest::addColumn<QList<devsim::ScriptedTerminal::Step>>("script");
         QTest::addColumn<QString>("posText"); // null: the POS gets nothing
         QTest::addColumn<QString>("line");
-        using T = FakeTerminal;
+        using T = devsim::ScriptedTerminal;
         // KIS has no frame check: what came before the hang-up is the answer, its last
         // byte cut as if it were the ETX.
         QTest::newRow("KIS, cut after a character")
@@ -635,10 +638,10 @@ private slots:
     void terminalThatHangsUpInTheMiddleOfAnAnswer() {
         QFETCH(QString, van);
         QFETCH(quint16, port);
-        QFETCH(QList<FakeTerminal::Step>, script);
+        QFETCH(QList<devsim::ScriptedTerminal::Step>, script);
         QFETCH(QString, posText);
         QFETCH(QString, line);
-        FakeTerminal terminal;
+        devsim::ScriptedTerminal terminal;
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, terminal, {van, "payment", port, QByteArray("\x02PAY\x03"), script});
@@ -672,15 +675,13 @@ private slots:
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
         // STX and 4 header bytes, then the text; the terminal goes before its 3 trailer
         // bytes. The listener cuts 3 bytes off the end all the same.
-        QTcpSocket terminal;
-        terminal.connectToHost(QHostAddress(addresses.first()), 13189);
-        QVERIFY(waitUntil([&] { return terminal.state() == QAbstractSocket::ConnectedState; }, 3000));
-        terminal.write("\x02"
-                       "0123" +
-                       cp(QStringLiteral("승인 OK")));
-        terminal.flush();
-        QVERIFY(waitUntil([&] { return terminal.bytesToWrite() == 0; }, 3000));
-        terminal.disconnectFromHost();
+        devsim::AnswerCall terminal{QHostAddress(addresses.first()), 13189,
+                                    "\x02"
+                                    "0123" +
+                                        cp(QStringLiteral("승인 OK")),
+                                    devsim::AnswerCall::Ending::HangUpAfterSending};
+        QVERIFY(waitUntil([&] { return terminal.isFinished(); }, 3000));
+        QVERIFY(terminal.isSent());
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 3000));
         QCOMPARE(jsonObject(pos.texts.first()), expectedAnswer(QStringLiteral("승인"), "TS-132N:TS-167"));
         VERIFY_SERVES_NEXT_ORDER(service);
@@ -695,32 +696,29 @@ private slots:
         QVERIFY(startAndConnect(service, pos));
         pos.send(becomeThePos);
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
-        QTcpSocket silent;
-        silent.connectToHost(QHostAddress(addresses.first()), 13189);
-        QVERIFY(waitUntil([&] { return silent.state() == QAbstractSocket::ConnectedState; }, 3000));
+        devsim::AnswerCall silent{
+            QHostAddress(addresses.first()), 13189, {}, devsim::AnswerCall::Ending::StaySilent};
+        QVERIFY(waitUntil([&] { return silent.isConnected(); }, 3000));
         keepRunningFor(300);
 
-        QTcpSocket terminal;
-        terminal.connectToHost(QHostAddress(addresses.first()), 13189);
-        QVERIFY(waitUntil([&] { return terminal.state() == QAbstractSocket::ConnectedState; }, 3000));
         QElapsedTimer clock;
         clock.start();
-        terminal.write("\x02"
-                       "0123" +
-                       cp(QStringLiteral("승인 OK")) +
-                       "\x03"
-                       "XY");
-        terminal.flush();
+        devsim::AnswerCall terminal{QHostAddress(addresses.first()), 13189,
+                                    "\x02"
+                                    "0123" +
+                                        cp(QStringLiteral("승인 OK")) +
+                                        "\x03"
+                                        "XY"};
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 3000));
         QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(jsonObject(pos.texts.first()), expectedAnswer(QStringLiteral("승인 OK"), "TS-132N:TS-167"));
         // The silent one is let go only after its 60 s, which this test does not sit out.
-        QCOMPARE(silent.state(), QAbstractSocket::ConnectedState);
+        QVERIFY(!silent.isFinished());
         VERIFY_SERVES_NEXT_ORDER(service);
     }
 
     void kisAnswerOfOneMebibyteReachesThePosCutToTheReadLimit() {
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, kis,
@@ -728,11 +726,11 @@ private slots:
                        "payment",
                        5000,
                        QByteArray("\x02PAY\x03"),
-                       {FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
-                        FakeTerminal::reply("\x02"
-                                            "AB" +
-                                                QByteArray(MiB - 4, 'x') + "\x03",
-                                            200)}});
+                       {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply("\x02"
+                                                        "AB" +
+                                                            QByteArray(MiB - 4, 'x') + "\x03",
+                                                        200)}});
         if (QTest::currentTestFailed())
             return;
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 5000));
@@ -751,7 +749,7 @@ private slots:
     }
 
     void kiccReplyOfOneMebibyteIsDiscarded() {
-        FakeTerminal kicc;
+        devsim::ScriptedTerminal kicc;
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, kicc,
@@ -759,7 +757,8 @@ private slots:
                        "payment",
                        13189,
                        QByteArray("\x02KICC\x03"),
-                       {FakeTerminal::awaitBytes(6), FakeTerminal::reply(QByteArray(MiB, 'x'), 100)}});
+                       {devsim::ScriptedTerminal::awaitBytes(6),
+                        devsim::ScriptedTerminal::reply(QByteArray(MiB, 'x'), 100)}});
         if (QTest::currentTestFailed())
             return;
         QVERIFY(waitUntil([&] { return kicc.closedCount() == 1; }, 5000));
@@ -769,7 +768,7 @@ private slots:
     }
 
     void smartroFloodOfOneMebibyteIsAcknowledgedThenTimesOut() {
-        FakeTerminal smartro;
+        devsim::ScriptedTerminal smartro;
         ServiceProcess service;
         PosClient pos;
         startExchange(service, pos, smartro,
@@ -777,8 +776,8 @@ private slots:
                        "payment",
                        5501,
                        QByteArray("\x02SMT\x03"),
-                       {FakeTerminal::awaitBytes(5), FakeTerminal::reply("FIRST", 50),
-                        FakeTerminal::reply(QByteArray(MiB, 'x'), 100)}});
+                       {devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("FIRST", 50),
+                        devsim::ScriptedTerminal::reply(QByteArray(MiB, 'x'), 100)}});
         if (QTest::currentTestFailed())
             return;
         // Read 10240 bytes at a time, each read a reply without DLE: acknowledged, and the
@@ -804,17 +803,16 @@ private slots:
         QVERIFY(startAndConnect(service, pos));
         pos.send(becomeThePos);
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
-        QTcpSocket terminal;
-        terminal.connectToHost(QHostAddress(addresses.first()), 5501);
-        QVERIFY(waitUntil([&] { return terminal.state() == QAbstractSocket::ConnectedState; }, 3000));
-        terminal.write("\x02"
-                       "0123" +
-                       QByteArray(MiB, 'x') +
-                       "\x03"
-                       "XY");
-        terminal.flush();
+        devsim::AnswerCall terminal{QHostAddress(addresses.first()), 5501,
+                                    "\x02"
+                                    "0123" +
+                                        QByteArray(MiB, 'x') +
+                                        "\x03"
+                                        "XY"};
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 5000));
-        QVERIFY(waitUntil([&] { return terminal.state() == QAbstractSocket::UnconnectedState; }, 5000));
+        // The listener lets go of the flood after its first 1024 bytes.
+        QVERIFY(waitUntil([&] { return terminal.isFinished(); }, 5000));
+        QVERIFY(terminal.closedByListener());
         keepRunningFor(300);
         QCOMPARE(pos.texts.size(), 1);
         const QJsonObject answer = jsonObject(pos.texts.first());
@@ -829,11 +827,9 @@ private slots:
     // ---- Kitchen printers ------------------------------------------------------------
 
     void refusingPrinterHoldsUpNoOtherOrder() {
-        QTcpServer closed; // bound, then freed: nothing listens there
-        QVERIFY(closed.listen(QHostAddress::LocalHost));
-        const quint16 refusing = closed.serverPort();
-        closed.close();
-        FakePrinter printer;
+        const quint16 refusing = devsim::refusingPort();
+        QVERIFY(refusing != 0);
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;
@@ -866,7 +862,7 @@ private slots:
         if (2 * orderSize + 200 > 16 * MiB)
             QSKIP("this kernel's TCP send buffer is too large for an order of at most 16 MiB to fill");
         const QByteArray order = "김치찌개 1\n" + QByteArray(orderSize, '\t');
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;
@@ -917,10 +913,9 @@ private slots:
 
     void settingWrittenWhileRunningSurvivesSigkill() {
         const QByteArray request("\x02PAY\x03");
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000, QHostAddress::LocalHost));
-        kis.setScript({FakeTerminal::awaitBytes(request.size()), FakeTerminal::reply("\x06"),
-                       FakeTerminal::reply(kisResult("OK 1"), 50)});
+        kis.setScript(devsim::kisExchange("OK 1", 50));
         ServiceProcess service;
         QVERIFY(service.start());
         QCOMPARE(service.runToEnd({"--set", "MAIN_INTERFACE=TCP", "--set", "TCP_IP=127.0.0.1"}), 0);

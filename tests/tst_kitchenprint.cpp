@@ -1,7 +1,7 @@
-#include "blackhole.h"
 #include "cp949.h"
-#include "fakeprinter.h"
 #include "kitchenprintservice.h"
+#include "printer.h"
+#include "switchedoffdevice.h"
 #include "wait.h"
 
 #include <QElapsedTimer>
@@ -24,7 +24,7 @@ class KitchenPrintTest : public QObject {
     Q_OBJECT
 private slots:
     void asciiOrderIsSentByteForByte() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         KitchenPrintService().printKitchenOrder(order("TABLE 7\nCOFFEE x2\n", printer.port()));
         QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
@@ -32,7 +32,7 @@ private slots:
     }
 
     void hangulIsSentInCodePage949() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         KitchenPrintService().printKitchenOrder(
             order(QStringLiteral("주문: 김치찌개 2, 똠얌꿍 1\n").toUtf8(), printer.port()));
@@ -42,7 +42,7 @@ private slots:
     }
 
     void controlBytesPassThrough() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         const QByteArray escpos("\x1b@\x1b!\x10"
                                 "\xed\x95\x9c\n\x1dV\x41\x03",
@@ -54,7 +54,7 @@ private slots:
     }
 
     void numberAndStringPortsBehaveAlike() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         KitchenPrintService().printKitchenOrder(order("A", qlonglong(printer.port())));
         KitchenPrintService().printKitchenOrder(order("B", QString::number(printer.port())));
@@ -69,7 +69,7 @@ private slots:
     }
 
     void deadPrintersNeverHoldUpTheEventLoop() {
-        Blackhole dead;
+        devsim::SwitchedOffDevice dead;
         QVERIFY(dead.open());
         QElapsedTimer clock;
         clock.start();
@@ -86,7 +86,7 @@ private slots:
     }
 
     void silentPrinterIsClosedAboutOneSecondAfterTheSend() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         KitchenPrintService().printKitchenOrder(order("ORDER\n", printer.port()));
         QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
@@ -96,7 +96,7 @@ private slots:
     }
 
     void answeringPrinterIsClosedOnceItHasAnswered() {
-        FakePrinter printer;
+        devsim::Printer printer;
         printer.setReply("\x10\x04\x01 status");
         QVERIFY(printer.listen());
         KitchenPrintService().printKitchenOrder(order("ORDER\n", printer.port()));
@@ -108,7 +108,7 @@ private slots:
     }
 
     void tenOrdersToASilentPrinterAllArriveWithinOneSecond() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         const qint64 sentAt = printer.nowMs();
         for (int i = 0; i < 10; ++i)
@@ -135,7 +135,7 @@ private slots:
     }
 
     void largeOrderArrivesWhole() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         QByteArray text;
         while (text.size() < 2 * 1024 * 1024)

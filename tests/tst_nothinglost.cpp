@@ -2,12 +2,13 @@
 // with HOLD_UNDELIVERED_ANSWERS and KITCHEN_RETRY_MINUTES, POS pages that reload, printers
 // that are switched off and on, and SIGKILL in between.
 #include "cp949.h"
-#include "fakeprinter.h"
-#include "faketerminal.h"
 #include "posclient.h"
+#include "printer.h"
+#include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QDir>
@@ -57,7 +58,7 @@ quint16 freePort() {
 }
 
 // The order texts the printer received, one per connection that brought any.
-QList<QByteArray> printed(const FakePrinter &printer) {
+QList<QByteArray> printed(const devsim::Printer &printer) {
     QList<QByteArray> jobs;
     for (const auto &c : printer.connections())
         if (!c.received.isEmpty())
@@ -71,10 +72,9 @@ class NothingLostTest : public QObject {
     Q_OBJECT
 
     // A KIS terminal whose customer takes 2 s: the POS page has gone by the time it answers.
-    void slowKis(FakeTerminal &kis) {
+    void slowKis(devsim::ScriptedTerminal &kis) {
         QVERIFY(kis.listen(5000));
-        kis.setScript({FakeTerminal::awaitBytes(5), FakeTerminal::reply("\x06"),
-                       FakeTerminal::reply(kisResult(cp949::encode(approval).value()), 2000)});
+        kis.setScript(devsim::kisExchange(cp949::encode(approval).value(), 2000));
     }
 
     void payThenLeave(ServiceProcess &service) {
@@ -90,7 +90,7 @@ private slots:
     void init() { QVERIFY2(!ServiceProcess::gatewayAcceptsConnections(), "port 49999 is already in use"); }
 
     void answerThatFoundNoPosReachesTheNextPosOnce() {
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         slowKis(kis);
         ServiceProcess service;
         QVERIFY(startWith(service, kisOnLoopback + QStringList{holdAnswers}));
@@ -114,7 +114,7 @@ private slots:
     }
 
     void withoutTheSettingTheAnswerIsLostAsBefore() {
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         slowKis(kis);
         ServiceProcess service;
         QVERIFY(startWith(service, kisOnLoopback));
@@ -128,7 +128,7 @@ private slots:
     }
 
     void heldAnswerSurvivesSigkill() {
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         slowKis(kis);
         ServiceProcess service;
         QVERIFY(startWith(service, kisOnLoopback + QStringList{holdAnswers}));
@@ -152,7 +152,7 @@ private slots:
         pos.send(kitchenOrderFrame(QStringLiteral("김치찌개 2\n"), port));
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
         keepRunningFor(3000);
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen(port));
         const qint64 upAt = printer.nowMs();
         QVERIFY(waitUntil([&] { return printed(printer).size() == 1; }, 5000));
@@ -173,7 +173,7 @@ private slots:
             pos.send(kitchenOrderFrame(QString::fromLatin1(order), port));
         QVERIFY(service.waitForStdoutLineCount(3, 3000));
         keepRunningFor(2000);
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen(port));
         QVERIFY(waitUntil([&] { return printed(printer).size() == 3; }, 10000));
         keepRunningFor(2500);
@@ -189,7 +189,7 @@ private slots:
         QVERIFY(
             waitUntil([&] { return pending(service).join(u'\n').contains("kitchen order waiting"); }, 5000));
         service.killHard();
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen(port));
         QElapsedTimer sinceStart;
         sinceStart.start();
@@ -234,7 +234,7 @@ private slots:
     }
 
     void storeThatCannotBeOpenedIsOneLineAndServiceGoesOnAsBefore() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         QVERIFY(QDir().mkpath(service.pendingStoreFile())); // a folder where the file should be
@@ -269,7 +269,7 @@ private slots:
     }
 
     void pendingListsWhatWaitsWithoutItsContent() {
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         slowKis(kis);
         const quint16 port = freePort();
         ServiceProcess service;

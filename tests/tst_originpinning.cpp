@@ -1,14 +1,14 @@
 // The real `teranocounter --headless` locked down: which pages' handshakes it lets in, what
 // it prints about the others, how it pins the first POS, and which kitchen printers it
 // will connect to at all.
-#include "fakeprinter.h"
 #include "posclient.h"
+#include "printer.h"
 #include "serviceprocess.h"
+#include "switchedoffdevice.h"
 #include "wait.h"
 
 #include <QFile>
 #include <QRegularExpression>
-#include <QTcpServer>
 #include <QWebSocket>
 #include <QtTest>
 
@@ -138,7 +138,7 @@ private slots:
         // Printers on loopback addresses: one listed with its port, one on the same address
         // and another port, one listed as an address (any port), one inside a listed range
         // and one outside it.
-        FakePrinter withPort, otherPort, anyPort, inRange, outOfRange;
+        devsim::Printer withPort, otherPort, anyPort, inRange, outOfRange;
         QVERIFY(withPort.listen(0, QHostAddress(QStringLiteral("127.0.0.1"))));
         QVERIFY(otherPort.listen(0, QHostAddress(QStringLiteral("127.0.0.1"))));
         QVERIFY(anyPort.listen(0, QHostAddress(QStringLiteral("127.0.0.3"))));
@@ -160,7 +160,7 @@ private slots:
         pos.send(kitchenOrderFrame(text, anyPort.port(), QStringLiteral("127.0.0.3")));
         pos.send(kitchenOrderFrame(text, inRange.port(), QStringLiteral("127.0.2.7")));
 
-        const auto printed = [&](const FakePrinter &printer) {
+        const auto printed = [&](const devsim::Printer &printer) {
             return printer.closedCount() == 1 && printer.connections().first().received == order;
         };
         QVERIFY(waitUntil([&] { return printed(withPort) && printed(anyPort) && printed(inRange); }, 10000));
@@ -182,10 +182,7 @@ private slots:
         QVERIFY(service.stderrLines().isEmpty());
     }
     void orderKeptForAPrinterThatLeftTheListIsDroppedUnsent() {
-        QTcpServer probe; // a port nobody listens on yet: the order is kept for retry
-        QVERIFY(probe.listen(QHostAddress::LocalHost));
-        const quint16 port = probe.serverPort();
-        probe.close();
+        const quint16 port = devsim::refusingPort(); // nobody listens yet: the order is kept for retry
 
         ServiceProcess service;
         service.set(QStringLiteral("KITCHEN_RETRY_MINUTES"), QStringLiteral("5"));
@@ -197,7 +194,7 @@ private slots:
             [&] { return pendingText(service).contains(QStringLiteral("kitchen order waiting")); }, 5000));
         service.killHard();
 
-        FakePrinter dropped, listed;
+        devsim::Printer dropped, listed;
         QVERIFY(dropped.listen(port));
         QVERIFY(listed.listen());
         service.set(QStringLiteral("KITCHEN_ALLOWED_PRINTERS"),

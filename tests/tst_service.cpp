@@ -1,11 +1,11 @@
 // The real `teranocounter --headless`, seen from outside: a POS on ws://127.0.0.1:49999/,
 // printers on loopback, its standard output and its settings file.
-#include "blackhole.h"
-#include "fakeprinter.h"
 #include "localaddress.h"
 #include "posclient.h"
+#include "printer.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
+#include "switchedoffdevice.h"
 #include "wait.h"
 
 #include <QFile>
@@ -23,7 +23,7 @@ private slots:
     void init() { QVERIFY2(!ServiceProcess::gatewayAcceptsConnections(), "port 49999 is already in use"); }
 
     void kitchenOrderReachesThePrinterInCodePage949() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen(9100));
         ServiceProcess service;
         PosClient pos;
@@ -43,7 +43,7 @@ private slots:
     }
 
     void tenOrdersToASilentPrinterAllArriveWithinOneSecond() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;
@@ -67,10 +67,8 @@ private slots:
     }
 
     void unreachablePrinterPrintsOneLineAndTheServiceGoesOn() {
-        QTcpServer closedPort; // bind a port, then free it, so nothing listens there
-        QVERIFY(closedPort.listen(QHostAddress::LocalHost));
-        const quint16 deadPort = closedPort.serverPort();
-        closedPort.close();
+        const quint16 deadPort = devsim::refusingPort();
+        QVERIFY(deadPort != 0);
 
         ServiceProcess service;
         PosClient pos;
@@ -86,7 +84,7 @@ private slots:
         QCOMPARE(pos.texts.size(), 0);
 
         // and the next order still prints
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         pos.send(kitchenOrderFrame(QStringLiteral("OK\n"), printer.port()));
         QVERIFY(waitUntil([&] { return printer.closedCount() == 1; }, 5000));
@@ -107,7 +105,7 @@ private slots:
     }
 
     void printerThatNeverAnswersTheConnectTimesOutInOneSecond() {
-        Blackhole dead;
+        devsim::SwitchedOffDevice dead;
         QVERIFY(dead.open());
         ServiceProcess service;
         PosClient pos;
@@ -161,7 +159,7 @@ private slots:
     }
 
     void kitchenOrderPrintsWhileNoInterfaceIsSet() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         QVERIFY(service.start());
@@ -246,7 +244,7 @@ private slots:
     }
 
     void messageOver16MiBIsRefusedWith1009AndTheServiceGoesOn() {
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         QVERIFY(service.start());
@@ -307,7 +305,7 @@ private slots:
     }
     void portAsNumberOrStringPrintsTheSame() {
         QFETCH(QString, portTemplate);
-        FakePrinter printer;
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         PosClient pos;

@@ -1,9 +1,9 @@
 // The TCP page as the shop owner uses it, on Qt's offscreen platform: real widgets, real
 // clicks and key presses, the settings file, and a fake terminal for the test button.
-#include "faketerminal.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
 #include "outlets.h"
+#include "scriptedterminal.h"
 #include "tcppage.h"
 #include "tcpviewcontroller.h"
 #include "userdefaults.h"
@@ -122,7 +122,7 @@ private slots:
     }
 
     void testButtonSendsTheTestPrint() {
-        FakeTerminal smartro;
+        devsim::ScriptedTerminal smartro;
         QVERIFY(smartro.listen());
         UserDefaults::standard().setValue("TCP_DEVICE", "SMARTRO");
         UserDefaults::standard().setValue("TCP_IP", "127.0.0.1");

@@ -1,13 +1,15 @@
 // The real `teranocounter --headless` with MAIN_INTERFACE=TCP and TCP_IP=127.0.0.1, fake
 // KICC, KIS and SMARTRO terminals on their fixed ports on loopback, and a POS page.
+#include "answercall.h"
 #include "cp949.h"
-#include "fakeprinter.h"
-#include "faketerminal.h"
 #include "localaddresses.h"
 #include "posclient.h"
+#include "printer.h"
+#include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QTcpServer>
@@ -33,15 +35,9 @@ QByteArray listenerFrame(const QByteArray &text) {
 }
 
 bool deliverToListener(const QString &address, quint16 port, const QByteArray &frame) {
-    QTcpSocket terminal;
-    terminal.connectToHost(QHostAddress(address), port);
-    if (!terminal.waitForConnected(2000))
-        return false;
-    terminal.write(frame);
-    terminal.flush();
-    return waitUntil([&] { return terminal.bytesToWrite() == 0; }, 2000) &&
-           // the service lets go of the connection once it has the answer
-           waitUntil([&] { return terminal.state() == QAbstractSocket::UnconnectedState; }, 3000);
+    devsim::AnswerCall terminal{QHostAddress(address), port, frame};
+    // the service lets go of the connection once it has the answer
+    return waitUntil([&] { return terminal.isFinished(); }, 5000) && terminal.closedByListener();
 }
 
 } // namespace
@@ -60,10 +56,9 @@ private slots:
         const QByteArray request("\x02"
                                  "PAY0001000\x03",
                                  12);
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000));
-        kis.setScript({FakeTerminal::awaitBytes(request.size()), FakeTerminal::reply("\x06"),
-                       FakeTerminal::reply(kisResult(cp(QStringLiteral("승인 완료 1234"))), 300)});
+        kis.setScript(devsim::kisExchange(cp(QStringLiteral("승인 완료 1234")), 300));
         ServiceProcess service;
         configure(service);
         PosClient pos;
@@ -83,12 +78,16 @@ private slots:
     void smartroRepliesAreAcknowledgedAndTheDleReplyReachesThePos() {
         const QByteArray request("\x02SMARTRO-PAY\x03");
         const QByteArray dleReply = QByteArray("\x10") + cp(QStringLiteral("정상승인 5000원"));
-        FakeTerminal smartro;
+        devsim::ScriptedTerminal smartro;
         QVERIFY(smartro.listen(5501, QHostAddress::LocalHost));
-        smartro.setScript({FakeTerminal::awaitBytes(request.size()), FakeTerminal::reply("FIRST", 100),
-                           FakeTerminal::reply("SECOND", 200), FakeTerminal::awaitBytes(request.size() + 3),
-                           FakeTerminal::reply("THIRD", 200), FakeTerminal::awaitBytes(request.size() + 6),
-                           FakeTerminal::reply(dleReply, 200), FakeTerminal::awaitBytes(request.size() + 9)});
+        smartro.setScript({devsim::ScriptedTerminal::awaitBytes(request.size()),
+                           devsim::ScriptedTerminal::reply("FIRST", 100),
+                           devsim::ScriptedTerminal::reply("SECOND", 200),
+                           devsim::ScriptedTerminal::awaitBytes(request.size() + 3),
+                           devsim::ScriptedTerminal::reply("THIRD", 200),
+                           devsim::ScriptedTerminal::awaitBytes(request.size() + 6),
+                           devsim::ScriptedTerminal::reply(dleReply, 200),
+                           devsim::ScriptedTerminal::awaitBytes(request.size() + 9)});
         ServiceProcess service;
         configure(service);
         PosClient pos;
@@ -99,7 +98,7 @@ private slots:
                  expectedAnswer(QString::fromUtf8(QByteArray("\x10")) + QStringLiteral("정상승인 5000원"),
                                 "SMT-T263"));
         QVERIFY(waitUntil([&] { return smartro.closedCount() == 1; }, 2000));
-        const FakeTerminal::Connection &c = smartro.connections().first();
+        const devsim::ScriptedTerminal::Connection &c = smartro.connections().first();
         // The first reply is never acknowledged; each later one, the DLE reply included, is.
         QCOMPARE(c.received, request + QByteArray(9, '\x06'));
         const QStringList lines = service.stdoutLines();
@@ -114,9 +113,10 @@ private slots:
         const QStringList addresses = localAddresses();
         QVERIFY2(!addresses.isEmpty(), "this machine has no non-loopback interface up");
         const QByteArray request("\x02KICC-REQ\x03");
-        FakeTerminal kicc;
+        devsim::ScriptedTerminal kicc;
         QVERIFY(kicc.listen(13189, QHostAddress::LocalHost));
-        kicc.setScript({FakeTerminal::awaitBytes(request.size()), FakeTerminal::reply("\x06")});
+        kicc.setScript(
+            {devsim::ScriptedTerminal::awaitBytes(request.size()), devsim::ScriptedTerminal::reply("\x06")});
         ServiceProcess service;
         configure(service);
         PosClient pos;
@@ -148,10 +148,11 @@ private slots:
     }
 
     void seventyWaitingKisPaymentsHoldUpNoKitchenOrderAndNoFrame() {
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000));
-        kis.setScript({FakeTerminal::awaitBytes(1), FakeTerminal::reply("\x06")}); // then the customer...
-        FakePrinter printer;
+        kis.setScript({devsim::ScriptedTerminal::awaitBytes(1),
+                       devsim::ScriptedTerminal::reply("\x06")}); // then the customer...
+        devsim::Printer printer;
         QVERIFY(printer.listen());
         ServiceProcess service;
         configure(service);
@@ -201,10 +202,10 @@ private slots:
     }
     void kisResultOfThreeBytesOrFewerStopsTheService() {
         QFETCH(QByteArray, result);
-        FakeTerminal kis;
+        devsim::ScriptedTerminal kis;
         QVERIFY(kis.listen(5000));
-        kis.setScript(
-            {FakeTerminal::awaitBytes(1), FakeTerminal::reply("\x06"), FakeTerminal::reply(result, 200)});
+        kis.setScript({devsim::ScriptedTerminal::awaitBytes(1), devsim::ScriptedTerminal::reply("\x06"),
+                       devsim::ScriptedTerminal::reply(result, 200)});
         ServiceProcess service;
         configure(service);
         PosClient pos;

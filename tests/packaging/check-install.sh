@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the build into a fresh prefix and checks that everything a desktop needs lands
-# where desktops look: the executable, its desktop entry, its icon and the systemd user unit.
+# where desktops look: the executable, its desktop entry, its icon and the systemd user unit;
+# and the device simulator beside the service.
 #   check-install.sh <build dir>
 set -euo pipefail
 build="$1"
@@ -10,6 +11,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 
 fail=0
 for f in bin/teranocounter \
+         bin/teranocounter-devsim \
          share/applications/teranocounter.desktop \
          share/icons/hicolor/scalable/apps/teranocounter.svg \
          share/icons/hicolor/256x256/apps/teranocounter.png \
@@ -22,6 +24,8 @@ done
 [[ -x "$prefix/bin/teranocounter" ]] || { echo "bin/teranocounter is not executable"; fail=1; }
 usage="$("$prefix/bin/teranocounter" --help)" || true
 [[ "$usage" == *--headless* ]] || { echo "the installed program does not run"; fail=1; }
+simulator="$("$prefix/bin/teranocounter-devsim" --help)" || true
+[[ "$simulator" == *"teranocounter-devsim printer"* ]] || { echo "the installed simulator does not run"; fail=1; }
 entry="$prefix/share/applications/teranocounter.desktop"
 grep -qx 'Exec=teranocounter' "$entry" || { echo "desktop entry does not start teranocounter"; fail=1; }
 grep -qx 'Icon=teranocounter' "$entry" || { echo "desktop entry does not name the icon"; fail=1; }

@@ -5,7 +5,7 @@
 // running and serving the next POS request.
 #include "posclient.h"
 #include "processusage.h"
-#include "ptyterminal.h"
+#include "pseudoterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
@@ -55,7 +55,7 @@ class SerialFaultsTest : public QObject {
 
     // USB active, the terminal's link stored as the port, a POS page connected, and the
     // terminal opened by the service.
-    void startWithTerminal(ServiceProcess &service, PosClient &pos, const PtyTerminal &terminal) {
+    void startWithTerminal(ServiceProcess &service, PosClient &pos, const devsim::PseudoTerminal &terminal) {
         service.set(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
         service.set(QStringLiteral("USB_PORT"), linkPath);
         QVERIFY(startAndConnect(service, pos));
@@ -78,8 +78,8 @@ private slots:
     void cleanup() { qunsetenv("TERANOCOUNTER_SERIAL_PORTS"); }
 
     void unplugInTheMiddleOfAnAnswerThenReplug() {
-        auto terminal = std::make_unique<PtyTerminal>();
-        PortLink link(linkPath);
+        auto terminal = std::make_unique<devsim::PseudoTerminal>();
+        devsim::PortLink link(linkPath);
         QVERIFY(link.plug(*terminal));
         ServiceProcess service;
         PosClient pos;
@@ -101,7 +101,7 @@ private slots:
 
         // Back as a new device under the same name. Its first bytes are the rest of the
         // cut answer, without an STX of their own.
-        terminal = std::make_unique<PtyTerminal>();
+        terminal = std::make_unique<devsim::PseudoTerminal>();
         QElapsedTimer clock;
         clock.start();
         QVERIFY(link.plug(*terminal));
@@ -128,8 +128,8 @@ private slots:
     }
 
     void floodWithoutStxOrEtxThenAnAnswer() {
-        PtyTerminal terminal;
-        PortLink link(linkPath);
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(linkPath);
         QVERIFY(link.plug(terminal));
         ServiceProcess service;
         PosClient pos;

@@ -1,7 +1,7 @@
 // Serial port discovery and hot-plug, with pseudo-terminals as adapters and symlinks as
 // their names: a link appearing is a plug, a link going away (or its terminal closing)
 // an unplug.
-#include "ptyterminal.h"
+#include "pseudoterminal.h"
 #include "serialportmanager.h"
 #include "wait.h"
 
@@ -47,8 +47,8 @@ private slots:
     void init() { dir = std::make_unique<QTemporaryDir>(); }
 
     void listsTheEnvironmentsPathsThatExistInTheirOrder() {
-        PtyTerminal a, b;
-        PortLink first(path("first")), second(path("second"));
+        devsim::PseudoTerminal a, b;
+        devsim::PortLink first(path("first")), second(path("second"));
         QVERIFY(first.plug(a));
         QVERIFY(second.plug(b));
         SerialPortManager manager(envOnly({path("second"), path("missing"), path("first"), path("second")}));
@@ -66,21 +66,21 @@ private slots:
     }
 
     void systemPortIsNamedByItsByIdLink() {
-        PtyTerminal terminal;
+        devsim::PseudoTerminal terminal;
         QVERIFY(QDir(dir->path()).mkpath("by-id"));
         const QString byId = path("by-id");
         QVERIFY(QFile::link(terminal.slavePath(), byId + "/usb-FTDI_FT232R_USB_UART_A5069RR4-if00-port0"));
         QCOMPARE(SerialPortManager::stableName(terminal.slavePath(), "pts", byId),
                  QStringLiteral("usb-FTDI_FT232R_USB_UART_A5069RR4-if00-port0"));
         // Reached through another name for the same device, it is still the same adapter.
-        PortLink alias(path("alias"));
+        devsim::PortLink alias(path("alias"));
         QVERIFY(alias.plug(terminal));
         QCOMPARE(SerialPortManager::stableName(path("alias"), "alias", byId),
                  QStringLiteral("usb-FTDI_FT232R_USB_UART_A5069RR4-if00-port0"));
     }
 
     void systemPortWithoutByIdLinkKeepsItsSystemName() {
-        PtyTerminal terminal, other;
+        devsim::PseudoTerminal terminal, other;
         QVERIFY(QDir(dir->path()).mkpath("by-id"));
         QVERIFY(QFile::link(other.slavePath(), path("by-id") + "/usb-other"));
         QCOMPARE(SerialPortManager::stableName(terminal.slavePath(), "ttyS0", path("by-id")),
@@ -90,8 +90,8 @@ private slots:
     }
 
     void plugAndUnplugAreAnnouncedWithinASecondAndAHalf() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         SerialPortManager manager(envOnly({link.path()}));
         QVERIFY(manager.availablePorts().isEmpty());
         QSignalSpy connected(&manager, &SerialPortManager::serialPortsWereConnected);
@@ -122,8 +122,8 @@ private slots:
     }
 
     void aDirectoryThatDoesNotExistYetIsWatchedFromItsParent() {
-        PtyTerminal terminal;
-        PortLink link(path("later/term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("later/term"));
         SerialPortManager manager(envOnly({link.path()}));
         QSignalSpy connected(&manager, &SerialPortManager::serialPortsWereConnected);
         QVERIFY(QDir(dir->path()).mkdir("later"));
@@ -133,8 +133,8 @@ private slots:
     }
 
     void aLinkWhoseTerminalClosesIsUnplugged() {
-        auto terminal = std::make_unique<PtyTerminal>();
-        PortLink link(path("term"));
+        auto terminal = std::make_unique<devsim::PseudoTerminal>();
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(*terminal));
         SerialPortManager manager(envOnly({link.path()}));
         QCOMPARE(manager.availablePorts().size(), 1);
@@ -145,8 +145,8 @@ private slots:
     }
 
     void relinkingToAnotherTerminalIsAnUnplugAndAPlug() {
-        PtyTerminal first, second;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal first, second;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(first));
         SerialPortManager manager(envOnly({link.path()}));
         const auto before = manager.availablePorts();
@@ -161,7 +161,7 @@ private slots:
     }
 
     void anIdleManagerDoesNotRescan() {
-        PortLink link(path("term"));
+        devsim::PortLink link(path("term"));
         SerialPortManager manager(envOnly({link.path()}));
         const int before = manager.rescanCount();
         keepRunningFor(2500);
@@ -170,7 +170,7 @@ private slots:
     }
 
     void rescansComeAtMostOnceASecondHoweverBusyTheDirectory() {
-        PortLink link(path("term"));
+        devsim::PortLink link(path("term"));
         SerialPortManager manager(envOnly({link.path()}));
         QElapsedTimer clock;
         clock.start();
@@ -205,8 +205,8 @@ private slots:
         QCOMPARE(manager.systemScanCount(), 1);
         QSignalSpy connected(&manager, &SerialPortManager::serialPortsWereConnected);
 
-        PtyTerminal terminal;
-        PortLink link(path("links/term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("links/term"));
         QVERIFY(link.plug(terminal));
         QVERIFY(waitUntil([&] { return connected.size() == 1; }, 2000));
         QCOMPARE(manager.systemScanCount(), 1); // a link came: the system's ports were not read again
@@ -222,8 +222,8 @@ private slots:
     }
 
     void aVanishedOpenDeviceIsRemovedOnceAndDoesNotSpin() {
-        auto terminal = std::make_unique<PtyTerminal>();
-        PortLink link(path("term"));
+        auto terminal = std::make_unique<devsim::PseudoTerminal>();
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(*terminal));
         SerialPortManager manager(envOnly({link.path()}));
         const auto port = manager.availablePorts().value(0);
@@ -253,8 +253,8 @@ private slots:
     }
 
     void anOpenPortKeepsItsBaudRateAcrossCloseAndOpen() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         const auto port = manager.availablePorts().value(0);

@@ -3,7 +3,7 @@
 // through TERANOCOUNTER_SERIAL_PORTS), the settings file, and what the process costs
 // while it waits for a terminal that is not plugged in.
 #include "posclient.h"
-#include "ptyterminal.h"
+#include "pseudoterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "wait.h"
@@ -133,8 +133,8 @@ private slots:
     }
 
     void requestDataGoesDownTheLineByteForByte() {
-        PtyTerminal terminal;
-        PortLink link(linkPath);
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(linkPath);
         QVERIFY(link.plug(terminal));
         ServiceProcess service;
         PosClient pos;
@@ -159,8 +159,8 @@ private slots:
     }
 
     void answerReachesThePosInOneChunkOrThree() {
-        PtyTerminal terminal;
-        PortLink link(linkPath);
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(linkPath);
         QVERIFY(link.plug(terminal));
         ServiceProcess service;
         PosClient pos;
@@ -186,8 +186,8 @@ private slots:
     }
 
     void kis7430AnswerInKorean() {
-        PtyTerminal terminal;
-        PortLink link(linkPath);
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(linkPath);
         QVERIFY(link.plug(terminal));
         ServiceProcess service;
         PosClient pos;
@@ -210,8 +210,8 @@ private slots:
         expectIdle(service, "waiting for the terminal");
 
         // Plugged in.
-        auto terminal = std::make_unique<PtyTerminal>();
-        PortLink link(linkPath);
+        auto terminal = std::make_unique<devsim::PseudoTerminal>();
+        devsim::PortLink link(linkPath);
         QElapsedTimer clock;
         clock.start();
         QVERIFY(link.plug(*terminal));
@@ -229,7 +229,7 @@ private slots:
         expectIdle(service, "after the unplug");
 
         // Back again, as a new device under the same name.
-        terminal = std::make_unique<PtyTerminal>();
+        terminal = std::make_unique<devsim::PseudoTerminal>();
         clock.restart();
         QVERIFY(link.plug(*terminal));
         QVERIFY(waitUntil([&] { return holdsOpen(service.pid(), terminal->slavePath()); }, 2000));
@@ -242,8 +242,8 @@ private slots:
     }
 
     void terminalThatVanishesUnderAnOpenPortNeitherSpinsNorIsMissedOnReplug() {
-        auto terminal = std::make_unique<PtyTerminal>();
-        PortLink link(linkPath);
+        auto terminal = std::make_unique<devsim::PseudoTerminal>();
+        devsim::PortLink link(linkPath);
         QVERIFY(link.plug(*terminal));
         ServiceProcess service;
         PosClient pos;
@@ -260,7 +260,7 @@ private slots:
         QVERIFY(waitUntil([&] { return !holdsOpen(service.pid(), firstDevice); }, 2000));
         expectIdle(service, "with a dead link");
 
-        terminal = std::make_unique<PtyTerminal>();
+        terminal = std::make_unique<devsim::PseudoTerminal>();
         QElapsedTimer clock;
         clock.start();
         QVERIFY(link.plug(*terminal));
@@ -284,8 +284,8 @@ private slots:
     void printThatIsNotUtf8StopsTheServiceWhenAPortIsSet() {
         QFETCH(QByteArray, data);
         QFETCH(QString, reason);
-        PtyTerminal terminal;
-        PortLink link(linkPath);
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(linkPath);
         QVERIFY(link.plug(terminal));
         ServiceProcess service;
         PosClient pos;

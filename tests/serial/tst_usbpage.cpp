@@ -2,7 +2,7 @@
 // title's colours, the popups and what choosing in them does, the test print button.
 #include "notificationcenter.h"
 #include "notificationnames.h"
-#include "ptyterminal.h"
+#include "pseudoterminal.h"
 #include "serialportmanager.h"
 #include "usbpage.h"
 #include "usbviewcontroller.h"
@@ -80,8 +80,8 @@ private slots:
     }
 
     void loadedPageShowsThePortsRatesAndModels() {
-        PtyTerminal a, b;
-        PortLink linkA(path("a")), linkB(path("b"));
+        devsim::PseudoTerminal a, b;
+        devsim::PortLink linkA(path("a")), linkB(path("b"));
         QVERIFY(linkA.plug(a));
         QVERIFY(linkB.plug(b));
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
@@ -136,8 +136,8 @@ private slots:
     }
 
     void choosingInThePopupsStoresAndOpens() {
-        PtyTerminal a, b;
-        PortLink linkA(path("a")), linkB(path("b"));
+        devsim::PseudoTerminal a, b;
+        devsim::PortLink linkA(path("a")), linkB(path("b"));
         QVERIFY(linkA.plug(a));
         QVERIFY(linkB.plug(b));
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
@@ -160,8 +160,8 @@ private slots:
     }
 
     void listChangesDoNotCountAsChoices() {
-        PtyTerminal a, b;
-        PortLink linkA(path("a")), linkB(path("b"));
+        devsim::PseudoTerminal a, b;
+        devsim::PortLink linkA(path("a")), linkB(path("b"));
         QVERIFY(linkB.plug(b));
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
         UserDefaults::standard().setValue("USB_PORT", linkB.path());

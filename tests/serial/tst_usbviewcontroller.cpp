@@ -5,7 +5,7 @@
 #include "forked.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
-#include "ptyterminal.h"
+#include "pseudoterminal.h"
 #include "serialportmanager.h"
 #include "usbviewcontroller.h"
 #include "userdefaults.h"
@@ -160,8 +160,8 @@ private slots:
     // ---- start-up and settings
 
     void firstStartWithEmptySettings() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         auto c = makeController(manager);
@@ -195,8 +195,8 @@ private slots:
     }
 
     void storedPortIsOpenedAtStartWithTheStoredRate() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -212,8 +212,8 @@ private slots:
     }
 
     void storedRateOutsideTheListSelectsNothingAndSetsNothing() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -226,8 +226,8 @@ private slots:
     }
 
     void storedPortNotPluggedInOpensNothingAndPluggingItInOpensIt() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
         auto c = makeController(manager);
@@ -249,8 +249,8 @@ private slots:
     // ---- popups
 
     void choosingAPortStoresItOpensItAndSetsThePopupsRate() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         auto c = makeController(manager);
@@ -266,8 +266,8 @@ private slots:
     }
 
     void choosingAnotherPortClosesThePreviousBeforeOpeningTheNew() {
-        PtyTerminal a, b;
-        PortLink linkA(path("a")), linkB(path("b"));
+        devsim::PseudoTerminal a, b;
+        devsim::PortLink linkA(path("a")), linkB(path("b"));
         QVERIFY(linkA.plug(a));
         QVERIFY(linkB.plug(b));
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
@@ -294,8 +294,8 @@ private slots:
     }
 
     void choosingABaudRateWhileAPortIsOpenChangesItsRateWithoutClosingIt() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -399,8 +399,8 @@ private slots:
     // ---- requests from the POS
 
     void printRequestIsWrittenInCodePage949() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -423,8 +423,8 @@ private slots:
     }
     void otherRequestTypesWriteTheDataUnchanged() {
         QFETCH(QVariant, requestType);
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -437,8 +437,8 @@ private slots:
     }
 
     void emptyDataWritesNothing() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -451,8 +451,8 @@ private slots:
     }
 
     void requestsWithoutAPortAreDropped() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         auto c = makeController(manager); // no USB_PORT stored
@@ -466,8 +466,8 @@ private slots:
     }
 
     void testPrintWritesItsTextThenTheCut() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -485,8 +485,8 @@ private slots:
     // ---- answers from the terminal
 
     void answerInOneChunkReachesThePos() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -502,8 +502,8 @@ private slots:
     }
 
     void answerSplitAcrossThreeChunks() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -526,8 +526,8 @@ private slots:
     }
 
     void etxAndCheckByteInSeparateChunks() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -546,8 +546,8 @@ private slots:
     }
 
     void answerThatIsNotCodePage949IsDropped() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -569,8 +569,8 @@ private slots:
     }
 
     void answerWhileTcpIsActiveChangesNothing() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -586,8 +586,8 @@ private slots:
     // ---- hot-plug
 
     void unplugClosesAndClearsThePortAndReplugRestoresWritingWithinTwoSeconds() {
-        auto terminal = std::make_unique<PtyTerminal>();
-        PortLink link(path("term"));
+        auto terminal = std::make_unique<devsim::PseudoTerminal>();
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(*terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -607,7 +607,7 @@ private slots:
         post(request("print", "lost"));
 
         // Plugged back in, as another device under the same name.
-        terminal = std::make_unique<PtyTerminal>();
+        terminal = std::make_unique<devsim::PseudoTerminal>();
         QElapsedTimer clock;
         clock.start();
         QVERIFY(link.plug(*terminal));
@@ -620,8 +620,8 @@ private slots:
     }
 
     void unplugInTheMiddleOfAnAnswer() {
-        auto terminal = std::make_unique<PtyTerminal>();
-        PortLink link(path("term"));
+        auto terminal = std::make_unique<devsim::PseudoTerminal>();
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(*terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -637,7 +637,7 @@ private slots:
         QCOMPARE(c->combinedATransactionData(), answer.left(6));
         QVERIFY(responses.isEmpty());
 
-        terminal = std::make_unique<PtyTerminal>();
+        terminal = std::make_unique<devsim::PseudoTerminal>();
         QVERIFY(link.plug(*terminal));
         QVERIFY(waitUntil([&] { return c->serialPort() && c->serialPort()->isOpen(); }, 2000));
         QCOMPARE(c->combinedATransactionData(), answer.left(6)); // reopening does not empty it
@@ -647,8 +647,8 @@ private slots:
     }
 
     void anotherPortComingOrGoingReopensTheStoredOne() {
-        PtyTerminal mine, other;
-        PortLink myLink(path("mine")), otherLink(path("other"));
+        devsim::PseudoTerminal mine, other;
+        devsim::PortLink myLink(path("mine")), otherLink(path("other"));
         QVERIFY(myLink.plug(mine));
         SerialPortManager manager(envOnly({otherLink.path(), myLink.path()}));
         defaults().setValue("USB_PORT", myLink.path());
@@ -669,8 +669,8 @@ private slots:
     }
 
     void destroyingTheControllerClosesItsPort() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
@@ -716,8 +716,8 @@ private slots:
         QFETCH(QVariant, object);
         QFETCH(bool, withPort);
         QFETCH(QString, reason);
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         if (withPort)
@@ -752,8 +752,8 @@ private slots:
     }
 
     void aBaudTitleThatIsNotANumberStops() {
-        PtyTerminal terminal;
-        PortLink link(path("term"));
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "fakeprinter.h"
 #include "posclient.h"
+#include "printer.h"
 #include "serviceprocess.h"
 
 // The usual start of a system test: the real service running in its own HOME, and one
@@ -20,7 +20,7 @@ inline QString notServingNextOrder(ServiceProcess &service) {
             .arg(service.stderrLines().join(u'|'));
     if (!service.stderrLines().isEmpty())
         return QStringLiteral("standard error: ") + service.stderrLines().join(u'|');
-    FakePrinter printer;
+    devsim::Printer printer;
     if (!printer.listen())
         return QStringLiteral("no port for the printer");
     PosClient pos;

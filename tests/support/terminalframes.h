@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vendorscripts.h"
+
 #include <QByteArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -30,7 +32,5 @@ inline QJsonObject jsonObject(const QString &text) {
 
 // A KIS result: STX, two header bytes, the text, ETX.
 inline QByteArray kisResult(const QByteArray &text) {
-    return QByteArray("\x02"
-                      "AB") +
-           text + '\x03';
+    return devsim::kisResultFrame(text);
 }

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "wait.h"
-
 #include <QByteArray>
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QString>
 #include <cerrno>
@@ -14,12 +14,14 @@
 #include <termios.h>
 #include <unistd.h>
 
-// A card terminal on a serial line, made of a pseudo-terminal pair: the test holds the
-// master side, the service opens the slave. Closing the master makes the slave vanish,
-// as a pulled USB adapter does; a symlink to the slave stands for the adapter's name.
-class PtyTerminal {
+namespace devsim {
+
+// A card terminal's end of a serial line, made of a pseudo-terminal pair: the terminal
+// holds the master side, the service opens the slave. Closing the master makes the slave
+// vanish, as a pulled USB adapter does; a symlink to the slave stands for the adapter's name.
+class PseudoTerminal {
 public:
-    PtyTerminal() {
+    PseudoTerminal() {
         int slave = -1;
         char name[256] = {};
         if (::openpty(&master, &slave, name, nullptr, nullptr) != 0) {
@@ -38,11 +40,12 @@ public:
         // plugged in for as long as the service runs.
         ::fcntl(master, F_SETFD, FD_CLOEXEC);
     }
-    ~PtyTerminal() { unplug(); }
-    PtyTerminal(const PtyTerminal &) = delete;
-    PtyTerminal &operator=(const PtyTerminal &) = delete;
+    ~PseudoTerminal() { unplug(); }
+    PseudoTerminal(const PseudoTerminal &) = delete;
+    PseudoTerminal &operator=(const PseudoTerminal &) = delete;
 
     bool isValid() const { return master >= 0; }
+    int masterDescriptor() const { return master; }
     QString slavePath() const { return slaveName; }
 
     // The terminal goes away: the slave device disappears and a reader of it gets errors.
@@ -102,8 +105,16 @@ public:
         readAvailable();
         bytes.clear();
     }
+    // Runs the event loop until `count` bytes have come (or the time is up).
     bool waitForReceived(qsizetype count, int timeoutMs) {
-        return waitUntil([&] { return received().size() >= count; }, timeoutMs);
+        QElapsedTimer clock;
+        clock.start();
+        while (received().size() < count) {
+            if (clock.elapsed() >= timeoutMs)
+                return false;
+            QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 20);
+        }
+        return true;
     }
 
     // The line speed the service has set, as a termios speed constant (B9600...).
@@ -142,7 +153,7 @@ public:
     explicit PortLink(const QString &path) : linkPath(path) {}
     ~PortLink() { unplug(); }
     const QString &path() const { return linkPath; }
-    bool plug(const PtyTerminal &terminal) {
+    bool plug(const PseudoTerminal &terminal) {
         QFile::remove(linkPath);
         return QFile::link(terminal.slavePath(), linkPath);
     }
@@ -151,3 +162,5 @@ public:
 private:
     QString linkPath;
 };
+
+} // namespace devsim

@@ -1,0 +1,5 @@
+#include "devsimcommand.h"
+
+int main(int argc, char **argv) {
+    return runDevsim(argc, argv);
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "scriptedterminal.h"
+
+#include <QByteArray>
+#include <QHostAddress>
+#include <QList>
+#include <QString>
+
+// The card terminals' exchanges as the service expects them, as scripts for
+// ScriptedTerminal. `answer` is the text the POS should end up receiving, already in
+// code page 949.
+namespace devsim {
+
+struct VendorPort {
+    static constexpr quint16 kicc = 13189;
+    static constexpr quint16 kis = 5000;
+    static constexpr quint16 smartro = 5501;
+};
+
+// The approval a terminal gives when nobody asked for another answer.
+QString defaultAnswer();
+
+// KIS result: STX and two header bytes before the text, ETX after it.
+QByteArray kisResultFrame(const QByteArray &answer);
+// What a terminal delivers to the POS computer's answer listener: five framing bytes
+// before the text, three after it.
+QByteArray listenerFrame(const QByteArray &answer);
+
+// KIS: acknowledges the request at once, then, `delayMs` later (the customer entering the
+// PIN; at least 20 ms, so that the two never reach the service in one read), sends its
+// framed result on the same connection.
+QList<ScriptedTerminal::Step> kisExchange(const QByteArray &answer, int delayMs);
+// SMARTRO: acknowledges the request, reports the card read, and after the service's
+// 06 06 06 for that sends its DLE reply, the answer itself, which is acknowledged too.
+// The service hands the DLE reply on whole, DLE byte included.
+QList<ScriptedTerminal::Step> smartroExchange(const QByteArray &answer, int delayMs);
+// KICC: acknowledges the request, and `delayMs` later delivers its answer by connecting
+// to the service's answer listener at `replyTo`:`replyPort`.
+QList<ScriptedTerminal::Step> kiccExchange(const QByteArray &answer, int delayMs, const QHostAddress &replyTo,
+                                           quint16 replyPort = VendorPort::kicc);
+
+} // namespace devsim
