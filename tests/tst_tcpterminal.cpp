@@ -149,6 +149,7 @@ private slots:
 
     void seventyWaitingKisPaymentsHoldUpNoKitchenOrderAndNoFrame() {
         devsim::ScriptedTerminal kis;
+        kis.setListenBacklogSize(128); // all seventy connect at once
         QVERIFY(kis.listen(5000));
         kis.setScript({devsim::ScriptedTerminal::awaitBytes(1),
                        devsim::ScriptedTerminal::reply("\x06")}); // then the customer...
@@ -203,6 +204,7 @@ private slots:
     void kisResultOfThreeBytesOrFewerStopsTheService() {
         QFETCH(QByteArray, result);
         devsim::ScriptedTerminal kis;
+        kis.setListenBacklogSize(128); // all seventy connect at once
         QVERIFY(kis.listen(5000));
         kis.setScript({devsim::ScriptedTerminal::awaitBytes(1), devsim::ScriptedTerminal::reply("\x06"),
                        devsim::ScriptedTerminal::reply(result, 200)});

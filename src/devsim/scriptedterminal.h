@@ -59,6 +59,10 @@ public:
     ~ScriptedTerminal() override;
     bool listen(quint16 port = 0, const QHostAddress &address = QHostAddress::LocalHost);
     quint16 port() const { return server.serverPort(); }
+    // Room for that many connections waiting to be accepted; set before listen(). A burst
+    // larger than the default 50 would otherwise have some of its connects dropped by the
+    // kernel and retried a second later, past the caller's connect time-out.
+    void setListenBacklogSize(int size) { server.setListenBacklogSize(size); }
     QString errorString() const { return server.errorString(); }
     void setScript(const QList<Step> &steps) { script = steps; }
     // Each chunk received and each reply or delivery sent goes to `sink` as one line,
