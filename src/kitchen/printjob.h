@@ -142,10 +142,7 @@ private:
         if (stage == Stage::Done)
             deleteLater();
         else if (stage == Stage::Sending)
-            // A printer that accepts the connection and then stops reading would hold the
-            // order, and its memory, for ever.
-            fail(QStringLiteral("the printer took no more of the order for %1 s (%2 of %3 bytes left)")
-                     .arg(KitchenPrintService::sendStallTimeoutMs / 1000)
+            fail(QStringLiteral("the printer closed the connection (%1 of %2 bytes left)")
                      .arg(remaining)
                      .arg(payload->size()));
         else if (stage == Stage::Reading)
