@@ -163,6 +163,9 @@ private slots:
         QTest::addColumn<QString>("frame");
         QTest::newRow("not UTF-8")
             << R"({"requesttype":"kitchenPrint","data":[255,254],"ip":"127.0.0.1","port":PRINTER})";
+        // "김치찌개" without the last byte of its last character
+        QTest::newRow("cut inside its last character")
+            << R"({"requesttype":"kitchenPrint","data":[234,185,128,236,185,152,236,176,140,234,176],"ip":"127.0.0.1","port":PRINTER})";
         // 😀 as UTF-8: a character code page 949 does not have
         QTest::newRow("emoji")
             << R"({"requesttype":"kitchenPrint","data":[65,240,159,152,128],"ip":"127.0.0.1","port":PRINTER})";

@@ -231,9 +231,15 @@ private slots:
         QCOMPARE(kicc->connections().first().received, QByteArray::fromHex("bfb5bcf6c1f520c5d7bdbac6ae0a"));
     }
 
+    void printTextThatIsNotUtf8IsNotSent_data() {
+        QTest::addColumn<QByteArray>("text");
+        QTest::newRow("not UTF-8") << QByteArray("\xff\xfe", 2);
+        QTest::newRow("cut inside its last character") << QStringLiteral("영수증 테스트").toUtf8().chopped(1);
+    }
     void printTextThatIsNotUtf8IsNotSent() {
+        QFETCH(QByteArray, text);
         load();
-        post(request("SMARTRO", QByteArray("\xff\xfe", 2), "print"));
+        post(request("SMARTRO", text, "print"));
         keepRunningFor(1200);
         QCOMPARE(connectionCount(), 0);
         QCOMPARE(channelLines().size(), 1);

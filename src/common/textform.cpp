@@ -64,7 +64,11 @@ std::optional<qint32> parseInt32(const QString &text) {
 }
 
 std::optional<QString> strictUtf8(const QByteArray &bytes) {
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringConverter::Flag::ConvertInitialBom);
+    // Stateless: the bytes are the whole text, so a character left unfinished at the end
+    // is an error. A decoder that kept state would hold it back for a next call that never
+    // comes, and "김치찌개" cut inside its last character would print as "김치찌".
+    QStringDecoder decoder(QStringDecoder::Utf8,
+                           QStringConverter::Flag::Stateless | QStringConverter::Flag::ConvertInitialBom);
     QString text = decoder.decode(bytes);
     if (decoder.hasError())
         return std::nullopt;

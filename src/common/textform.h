@@ -11,8 +11,9 @@
 // either as a JSON number or as a string, and both must mean the same thing.
 QString textualForm(const QVariant &value);
 
-// UTF-8 bytes as text, or nothing when they are not valid UTF-8. A leading byte-order mark
-// is kept as a character: a printer or terminal gets exactly what was sent, or nothing.
+// UTF-8 bytes as text, or nothing when they are not valid UTF-8, including bytes that end
+// inside a character. A leading byte-order mark is kept as a character: a printer or
+// terminal gets exactly what was sent, or nothing. The one strict decoder of the code base.
 std::optional<QString> strictUtf8(const QByteArray &bytes);
 
 // Base-10 signed 32-bit integer: an optional "+" or "-", then decimal digits only.

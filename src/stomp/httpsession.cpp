@@ -4,23 +4,9 @@
 #include "log.h"
 #include "stompframe.h"
 
-#include <QStringDecoder>
+#include "textform.h"
+
 #include <QWebSocket>
-
-namespace {
-
-// The body is taken byte for byte: a leading byte order mark stays part of the text, and
-// anything that is not well-formed UTF-8 is refused rather than patched.
-std::optional<QString> decodeUtf8(const QByteArray &bytes) {
-    QStringDecoder decoder(QStringConverter::Utf8,
-                           QStringConverter::Flag::Stateless | QStringConverter::Flag::ConvertInitialBom);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError())
-        return std::nullopt;
-    return text;
-}
-
-} // namespace
 
 HttpSession::HttpSession(const QString &sessionId, QObject *parent) : QObject(parent), id(sessionId) {}
 
@@ -30,7 +16,9 @@ HttpSession::~HttpSession() {
 
 HttpResponse HttpSession::handleHttpRequest(const HttpRequest &request) {
     logLine(QStringLiteral("[") + id + QStringLiteral("]: Http request"));
-    if (const std::optional<QString> text = decodeUtf8(request.body)) {
+    // The body is taken byte for byte: a leading byte order mark stays part of the text, and
+    // anything that is not well-formed UTF-8 is refused rather than patched.
+    if (const std::optional<QString> text = strictUtf8(request.body)) {
         logLine(QStringLiteral("body: ") + *text);
         enqueue([this, value = *text] { setAttachment(value); });
     }

@@ -279,6 +279,8 @@ private slots:
         QTest::addColumn<QByteArray>("data");
         QTest::addColumn<QString>("reason");
         QTest::newRow("not UTF-8") << QByteArray("\xff\xfe") << "UTF-8";
+        QTest::newRow("cut inside its last character")
+            << QStringLiteral("김치찌개").toUtf8().chopped(1) << "UTF-8";
         QTest::newRow("emoji") << QStringLiteral("😀").toUtf8() << "949";
     }
     void printThatIsNotUtf8StopsTheServiceWhenAPortIsSet() {

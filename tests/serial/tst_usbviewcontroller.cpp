@@ -709,6 +709,8 @@ private slots:
             << "data";
         QTest::newRow("print not UTF-8, with a port")
             << QVariant(request("print", "\xff\xfe")) << true << "UTF-8";
+        QTest::newRow("print cut inside its last character, with a port")
+            << QVariant(request("print", QStringLiteral("영수증").toUtf8().chopped(1))) << true << "UTF-8";
         QTest::newRow("print without a code page 949 form, with a port")
             << QVariant(request("print", QStringLiteral("😀").toUtf8())) << true << "949";
     }
