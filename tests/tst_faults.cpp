@@ -8,11 +8,12 @@
 #include "localaddresses.h"
 #include "posclient.h"
 #include "printer.h"
-#include "switchedoffdevice.h"
 #include "processusage.h"
+#include "rawwebsocket.h"
 #include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
+#include "switchedoffdevice.h"
 #include "terminalframes.h"
 #include "vendorscripts.h"
 #include "wait.h"
@@ -93,120 +94,6 @@ bool configureTcp(ServiceProcess &service) {
 // The first text frame that makes a page the POS that answers go to, and that the TCP
 // channel drops (no vendor by that name).
 const QString becomeThePos = QStringLiteral(R"({"requesttype":"noop","van":"none","data":[]})");
-
-// A WebSocket client written by hand, for what a browser never sends: text frames that
-// are not UTF-8, and a request dribbled in one byte per TCP segment.
-class RawWebSocket {
-public:
-    static QByteArray handshake() {
-        return "GET / HTTP/1.1\r\nHost: 127.0.0.1:49999\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-               "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n";
-    }
-
-    // A client frame: masked, as RFC 6455 requires of clients.
-    static QByteArray frame(quint8 opcode, const QByteArray &payload, bool final = true) {
-        QByteArray f;
-        f += static_cast<char>((final ? 0x80 : 0x00) | opcode);
-        const qsizetype n = payload.size();
-        if (n < 126) {
-            f += static_cast<char>(0x80 | n);
-        } else if (n < 65536) {
-            f += static_cast<char>(0x80 | 126);
-            f += static_cast<char>(n >> 8);
-            f += static_cast<char>(n & 0xff);
-        } else {
-            f += static_cast<char>(0x80 | 127);
-            for (int shift = 56; shift >= 0; shift -= 8)
-                f += static_cast<char>((static_cast<quint64>(n) >> shift) & 0xff);
-        }
-        const char key[4] = {0x37, static_cast<char>(0xfa), 0x21, 0x3d};
-        f.append(key, 4);
-        for (qsizetype i = 0; i < n; ++i)
-            f += static_cast<char>(payload[i] ^ key[i % 4]);
-        return f;
-    }
-
-    bool connect() {
-        socket.connectToHost(QHostAddress::LocalHost, gatewayPort);
-        if (!waitUntil([&] { return socket.state() == QAbstractSocket::ConnectedState; }, 5000))
-            return false;
-        // Every write goes out as a segment of its own.
-        socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
-        return true;
-    }
-
-    void write(const QByteArray &bytes) {
-        socket.write(bytes);
-        socket.flush();
-    }
-
-    // One byte per write, each pushed out and acknowledged by the service's side before
-    // the next, so the service can only ever find one new byte.
-    bool writeBytewise(const QByteArray &bytes) {
-        for (const char c : bytes) {
-            socket.write(&c, 1);
-            socket.flush();
-            if (!waitUntil([&] { return socket.bytesToWrite() == 0 && unacknowledged() == 0; }, 3000))
-                return false;
-        }
-        return true;
-    }
-
-    // Everything up to the end of the answer's head, or empty after `timeoutMs`.
-    QByteArray awaitAnswerHead(int timeoutMs) {
-        QByteArray head;
-        waitUntil(
-            [&] {
-                in += socket.readAll();
-                const qsizetype end = in.indexOf("\r\n\r\n");
-                if (end < 0)
-                    return socket.state() == QAbstractSocket::UnconnectedState;
-                head = in.left(end + 4);
-                in.remove(0, end + 4);
-                return true;
-            },
-            timeoutMs);
-        return head;
-    }
-
-    // The status code of the service's close frame, or -1 if none came before the
-    // connection ended or the time ran out; `ended` says whether the TCP connection is gone.
-    int awaitCloseCode(int timeoutMs, bool *ended = nullptr) {
-        int code = -1;
-        waitUntil(
-            [&] {
-                in += socket.readAll();
-                while (in.size() >= 2) {
-                    const int opcode = in[0] & 0x0f;
-                    const qsizetype length = in[1] & 0x7f; // the service's frames here are short
-                    if (in.size() < 2 + length)
-                        break;
-                    if (opcode == 0x8 && length >= 2)
-                        code = (static_cast<unsigned char>(in[2]) << 8) | static_cast<unsigned char>(in[3]);
-                    in.remove(0, 2 + length);
-                }
-                return code >= 0 && socket.state() == QAbstractSocket::UnconnectedState;
-            },
-            timeoutMs);
-        if (ended)
-            *ended = socket.state() == QAbstractSocket::UnconnectedState;
-        return code;
-    }
-
-    QTcpSocket socket;
-
-private:
-    unsigned unacknowledged() const {
-        tcp_info info{};
-        socklen_t length = sizeof info;
-        if (::getsockopt(static_cast<int>(socket.socketDescriptor()), IPPROTO_TCP, TCP_INFO, &info,
-                         &length) != 0)
-            return 0;
-        return info.tcpi_unacked;
-    }
-
-    QByteArray in;
-};
 
 // A printer that takes the connection and then never reads: its receive buffer is made as
 // small as the kernel allows, so the service's bytes pile up on the service's side.
@@ -383,7 +270,7 @@ private slots:
         ServiceProcess service;
         QVERIFY(service.start());
         RawWebSocket client;
-        QVERIFY(client.connect());
+        QVERIFY(client.connect(gatewayPort));
         client.write(RawWebSocket::handshake());
         QVERIFY(client.awaitAnswerHead(5000).startsWith("HTTP/1.1 101"));
         for (qsizetype i = 0; i < fragments.size(); ++i) {
@@ -403,7 +290,7 @@ private slots:
         ServiceProcess service;
         QVERIFY(service.start());
         RawWebSocket client;
-        QVERIFY(client.connect());
+        QVERIFY(client.connect(gatewayPort));
         QElapsedTimer clock;
         clock.start();
         QVERIFY(client.writeBytewise(RawWebSocket::handshake()));

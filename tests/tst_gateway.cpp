@@ -3,6 +3,7 @@
 #include "notificationcenter.h"
 #include "notificationnames.h"
 #include "posclient.h"
+#include "rawwebsocket.h"
 #include "request.h"
 #include "userdefaults.h"
 #include "wait.h"
@@ -98,24 +99,114 @@ private slots:
         QCOMPARE(tcpRequests.first().value("data").toByteArray(), QByteArray("\x02\x03"));
     }
 
-    void displacedSessionIsClosingBeforeTheNewFrameIsRouted() {
-        PosClient a, b;
-        QVERIFY(a.open(port));
-        QVERIFY(b.open(port));
-        a.send(usbPrint());
+    void displacedSessionGetsItsCloseFrameBeforeTheNewFrameIsRouted() {
+        RawWebSocket a;
+        QVERIFY(a.connect(port));
+        a.write(RawWebSocket::handshake());
+        QVERIFY(a.awaitAnswerHead(3000).startsWith("HTTP/1.1 101"));
+        a.write(RawWebSocket::text(usbPrint().toLatin1()));
         QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
-        QPointer<QWebSocket> heldA = gateway->wsSession;
-        QVERIFY(heldA);
-        std::optional<QAbstractSocket::SocketState> stateOfAWhileRouting;
+        PosClient b;
+        QVERIFY(b.open(port));
+        // While B's frame is being routed, the gateway cannot run: what A can read then is
+        // what the gateway wrote before routing began.
+        std::optional<int> closeCodeBeforeRouting;
         QObject scope;
         NotificationCenter::defaultCenter().addObserver(
             NotificationName::USBcontrol, &scope, [&](const QVariant &) {
-                stateOfAWhileRouting = heldA ? heldA->state() : QAbstractSocket::UnconnectedState;
+                if (closeCodeBeforeRouting)
+                    return;
+                a.socket.waitForReadyRead(2000);
+                const auto frames = a.awaitFrames(1, 0);
+                closeCodeBeforeRouting = frames.isEmpty() ? -1 : frames.first().closeCode();
             });
         b.send(usbPrint());
-        QVERIFY(waitUntil([&] { return stateOfAWhileRouting.has_value(); }, 3000));
-        QVERIFY(*stateOfAWhileRouting != QAbstractSocket::ConnectedState);
-        QVERIFY(waitUntil([&] { return a.disconnected; }, 3000));
+        QVERIFY(waitUntil([&] { return closeCodeBeforeRouting.has_value(); }, 3000));
+        QCOMPARE(*closeCodeBeforeRouting, int(QWebSocketProtocol::CloseCodeNormal));
+        // A answers the close frame as RFC 6455 asks: the gateway closes the connection
+        // and sends no second close frame.
+        a.write(RawWebSocket::closeReply());
+        QVERIFY(waitUntil([&] { return a.socket.state() == QAbstractSocket::UnconnectedState; }, 3000));
+        QCOMPARE(a.awaitFrames(1, 0).size(), 0);
+        QCOMPARE(usbRequests.size(), 2);
+        QVERIFY(!b.disconnected);
+    }
+
+    void displacedPosThatSendsAgainTakesTheRoleBack() {
+        // A native POS that goes on sending without waiting for the close frame.
+        RawWebSocket a;
+        QVERIFY(a.connect(port));
+        a.write(RawWebSocket::handshake());
+        QVERIFY(a.awaitAnswerHead(3000).startsWith("HTTP/1.1 101"));
+        a.write(RawWebSocket::text(usbPrint().toLatin1()));
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
+        PosClient b;
+        QVERIFY(b.open(port));
+        b.send(usbPrint(R"(,"from":"B")"));
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 2; }, 3000));
+        const auto closing = a.awaitFrames(1, 3000);
+        QCOMPARE(closing.size(), 1);
+        QCOMPARE(closing.first().closeCode(), int(QWebSocketProtocol::CloseCodeNormal));
+
+        a.write(RawWebSocket::text(usbPrint(R"(,"from":"A again")").toLatin1()));
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 3; }, 3000));
+        // B is displaced in turn, and, being a well-behaved client, goes.
+        QVERIFY(waitUntil([&] { return b.disconnected; }, 3000));
+        QCOMPARE(b.closeCode, QWebSocketProtocol::CloseCodeNormal);
+
+        NotificationCenter::defaultCenter().post(
+            NotificationName::WEBSOCKET,
+            QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("for A")}}},
+                        {"devicetype", "CAT"},
+                        {"devicename", "KIS-7430"}});
+        const auto answers = a.awaitFrames(1, 3000);
+        QCOMPARE(answers.size(), 1);
+        QCOMPARE(answers.first().opcode, 0x1);
+        QCOMPARE(answers.first().payload,
+                 QByteArray(R"({"response":{"data":"for A"},"devicetype":"CAT","devicename":"KIS-7430"})"));
+        QCOMPARE(b.texts.size(), 0);
+        QCOMPARE(a.socket.state(), QAbstractSocket::ConnectedState);
+    }
+
+    void firstFramesInTheSameWriteAsTheHandshakeAreRouted_data() {
+        QTest::addColumn<int>("frames");
+        QTest::newRow("one frame") << 1;
+        QTest::newRow("two frames") << 2;
+    }
+    void firstFramesInTheSameWriteAsTheHandshakeAreRouted() {
+        QFETCH(int, frames);
+        RawWebSocket client;
+        QVERIFY(client.connect(port));
+        QByteArray bytes = RawWebSocket::handshake();
+        for (int i = 0; i < frames; ++i)
+            bytes += RawWebSocket::text(usbPrint(QStringLiteral(R"(,"n":%1)").arg(i)).toLatin1());
+        client.write(bytes);
+        QVERIFY(waitUntil([&] { return usbRequests.size() == frames; }, 3000));
+        QVERIFY(client.awaitAnswerHead(3000).startsWith("HTTP/1.1 101"));
+        QVERIFY(gateway->wsSession); // the first frame made it the POS
+        // A later frame is still read in step.
+        client.write(RawWebSocket::text(usbPrint().toLatin1()));
+        QVERIFY(waitUntil([&] { return usbRequests.size() == frames + 1; }, 3000));
+        keepRunningFor(100);
+        QCOMPARE(usbRequests.size(), frames + 1);
+    }
+
+    void handshakeSplitAcrossWritesWithAFrameBehindIt() {
+        RawWebSocket client;
+        QVERIFY(client.connect(port));
+        const QByteArray handshake = RawWebSocket::handshake();
+        const QByteArray frame = RawWebSocket::text(usbPrint().toLatin1());
+        client.write(handshake.left(20));
+        keepRunningFor(50);
+        client.write(handshake.mid(20, 40));
+        keepRunningFor(50);
+        // The end of the head and the whole frame, then a second frame cut in two.
+        const QByteArray second = RawWebSocket::text(usbPrint(R"(,"n":2)").toLatin1());
+        client.write(handshake.mid(60) + frame + second.left(5));
+        keepRunningFor(50);
+        client.write(second.mid(5));
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 2; }, 3000));
+        QVERIFY(client.awaitAnswerHead(3000).startsWith("HTTP/1.1 101"));
     }
 
     void firstFrameMakesTheSenderHeldAndIsRouted() {

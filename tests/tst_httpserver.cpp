@@ -1,6 +1,8 @@
 // The path-routing HTTP front on its own: what a browser, curl or a WebSocket client
 // gets back for each kind of request.
+#include "chunkedbody.h"
 #include "httpserver.h"
+#include "rawwebsocket.h"
 #include "wait.h"
 
 #include <QTcpSocket>
@@ -95,12 +97,166 @@ private slots:
         QCOMPARE(httpRequests.first().body, QByteArray("hello world"));
     }
 
-    void chunkedBodyIsRefused() {
+    void chunkedBodyIsDecoded() {
         const QByteArray answer =
             exchange(server->serverPort(), "POST /session/s1 HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: "
                                            "chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n");
-        QVERIFY2(answer.startsWith("HTTP/1.1 411"), answer.constData());
+        QVERIFY2(answer.startsWith("HTTP/1.1 200 OK\r\n"), answer.constData());
+        QCOMPARE(httpRequests.size(), 1);
+        QCOMPARE(httpRequests.first().body, QByteArray("abc"));
+    }
+
+    void chunkedBodiesThatCannotBeReadAreRefused_data() {
+        QTest::addColumn<QByteArray>("request");
+        QTest::addColumn<QByteArray>("status");
+        const QByteArray head = "POST /session/s1 HTTP/1.1\r\nHost: x\r\n";
+        QTest::newRow("size not hexadecimal")
+            << head + "Transfer-Encoding: chunked\r\n\r\nxyz\r\nabc\r\n0\r\n\r\n"
+            << QByteArray("400");
+        QTest::newRow("chunk longer than its size")
+            << head + "Transfer-Encoding: chunked\r\n\r\n2\r\nabc\r\n0\r\n\r\n"
+            << QByteArray("400");
+        QTest::newRow("another coding") << head + "Transfer-Encoding: gzip\r\n\r\nabc" << QByteArray("501");
+        QTest::newRow("over the limit") << head + "Transfer-Encoding: chunked\r\n\r\n4000000\r\n"
+                                        << QByteArray("413");
+    }
+    void chunkedBodiesThatCannotBeReadAreRefused() {
+        QFETCH(QByteArray, request);
+        QFETCH(QByteArray, status);
+        server->setMaxIncomingMessageSize(1024 * 1024);
+        const QByteArray answer = exchange(server->serverPort(), request);
+        QVERIFY2(answer.startsWith("HTTP/1.1 " + status), answer.constData());
         QVERIFY(httpRequests.isEmpty());
+    }
+
+    void chunkedBodyDecoding_data() {
+        QTest::addColumn<QByteArray>("data");
+        QTest::addColumn<int>("state");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<int>("consumed");
+        using S = ChunkedBody::State;
+        QTest::newRow("empty body") << QByteArray("0\r\n\r\n") << int(S::Complete) << QByteArray() << 5;
+        QTest::newRow("two chunks") << QByteArray("3\r\nabc\r\nA\r\n0123456789\r\n0\r\n\r\nrest")
+                                    << int(S::Complete) << QByteArray("abc0123456789") << 28;
+        QTest::newRow("extension and trailer")
+            << QByteArray("3;x=y\r\nabc\r\n0\r\nT: 1\r\n\r\n") << int(S::Complete) << QByteArray("abc") << 23;
+        QTest::newRow("no final chunk yet")
+            << QByteArray("3\r\nabc\r\n") << int(S::Incomplete) << QByteArray() << 0;
+        QTest::newRow("chunk not all there")
+            << QByteArray("5\r\nab") << int(S::Incomplete) << QByteArray() << 0;
+        QTest::newRow("size line cut") << QByteArray("1") << int(S::Incomplete) << QByteArray() << 0;
+        QTest::newRow("trailer not ended")
+            << QByteArray("0\r\nT: 1\r\n") << int(S::Incomplete) << QByteArray() << 0;
+        QTest::newRow("no size") << QByteArray("\r\nabc\r\n") << int(S::Malformed) << QByteArray() << 0;
+        QTest::newRow("negative size")
+            << QByteArray("-3\r\nabc\r\n") << int(S::Malformed) << QByteArray() << 0;
+        QTest::newRow("chunk not followed by CRLF")
+            << QByteArray("3\r\nabcd\r\n0\r\n\r\n") << int(S::Malformed) << QByteArray() << 0;
+        QTest::newRow("size beyond the limit")
+            << QByteArray("401\r\n") << int(S::TooLarge) << QByteArray() << 0;
+        QTest::newRow("huge size") << QByteArray("ffffffffffffffff\r\n") << int(S::Malformed) << QByteArray()
+                                   << 0;
+    }
+    void chunkedBodyDecoding() {
+        QFETCH(QByteArray, data);
+        QFETCH(int, state);
+        QFETCH(QByteArray, body);
+        QFETCH(int, consumed);
+        const ChunkedBody decoded = ChunkedBody::decode(data, 1024);
+        QCOMPARE(int(decoded.state), state);
+        QCOMPARE(decoded.body, body);
+        QCOMPARE(decoded.consumed, qsizetype(consumed));
+    }
+
+    void plainRequestWithoutHostReachesItsRoute() {
+        const QByteArray answer =
+            exchange(server->serverPort(), "POST /session/s1 HTTP/1.0\r\nContent-Length: 2\r\n\r\nhi");
+        QVERIFY2(answer.startsWith("HTTP/1.1 200 OK\r\n"), answer.constData());
+        QCOMPARE(httpRequests.size(), 1);
+        QCOMPARE(httpRequests.first().body, QByteArray("hi"));
+        // Nothing else goes without one.
+        QVERIFY(exchange(server->serverPort(), "POST /other HTTP/1.1\r\nContent-Length: 1\r\n\r\nx")
+                    .startsWith("HTTP/1.1 400"));
+    }
+
+    void clientThatWaitsForContinueIsAskedForItsBody() {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, server->serverPort());
+        QVERIFY(socket.waitForConnected(2000));
+        socket.write(
+            "POST /session/s1 HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\nExpect: 100-continue\r\n\r\n");
+        QByteArray answer;
+        QVERIFY(waitUntil(
+            [&] {
+                answer += socket.readAll();
+                return answer.contains("\r\n\r\n");
+            },
+            3000));
+        QCOMPARE(answer, QByteArray("HTTP/1.1 100 Continue\r\n\r\n"));
+        socket.write("abc");
+        QVERIFY(waitUntil(
+            [&] {
+                answer += socket.readAll();
+                return socket.state() == QAbstractSocket::UnconnectedState;
+            },
+            3000));
+        QVERIFY(answer.contains("HTTP/1.1 200 OK\r\n"));
+        QCOMPARE(httpRequests.first().body, QByteArray("abc"));
+    }
+
+    void framesBehindTheHandshakeInOneWriteReachTheRoute() {
+        QStringList texts;
+        server->addWebSocketRoute(HttpServer::exactPath("/frames"), [&](QWebSocket *socket) {
+            connect(socket, &QWebSocket::textMessageReceived, this, [&](const QString &t) { texts << t; });
+        });
+        RawWebSocket client;
+        QVERIFY(client.connect(server->serverPort()));
+        client.write(RawWebSocket::handshake("/frames") + RawWebSocket::text("one") +
+                     RawWebSocket::text(QByteArray(300, 'x')) + RawWebSocket::text("th"));
+        QVERIFY(waitUntil([&] { return texts.size() == 3; }, 3000));
+        QCOMPARE(texts, (QStringList{"one", QString(300, u'x'), "th"}));
+        QVERIFY(client.awaitAnswerHead(3000).startsWith("HTTP/1.1 101"));
+    }
+
+    void closeKeepingReadOpenReadsUntilThePeerAnswers() {
+        QList<QPointer<QWebSocket>> sockets;
+        QStringList texts;
+        server->addWebSocketRoute(HttpServer::exactPath("/linger"), [&](QWebSocket *socket) {
+            sockets << socket;
+            connect(socket, &QWebSocket::textMessageReceived, this, [&](const QString &t) { texts << t; });
+        });
+        RawWebSocket client;
+        QVERIFY(client.connect(server->serverPort()));
+        client.write(RawWebSocket::handshake("/linger"));
+        QVERIFY(client.awaitAnswerHead(3000).startsWith("HTTP/1.1 101"));
+        QVERIFY(waitUntil([&] { return sockets.size() == 1; }, 3000));
+        server->closeKeepingReadOpen(sockets.first());
+        const auto closing = client.awaitFrames(1, 3000);
+        QCOMPARE(closing.size(), 1);
+        QCOMPARE(closing.first().closeCode(), 1000);
+        client.write(RawWebSocket::text("still here"));
+        QVERIFY(waitUntil([&] { return texts.size() == 1; }, 3000));
+        QCOMPARE(texts.first(), QStringLiteral("still here"));
+        QVERIFY(sockets.first()->sendTextMessage(QStringLiteral("heard")) > 0);
+        const auto answer = client.awaitFrames(1, 3000);
+        QCOMPARE(answer.size(), 1);
+        QCOMPARE(answer.first().payload, QByteArray("heard"));
+        // The answer to the close frame ends it, without a second close frame.
+        client.write(RawWebSocket::closeReply());
+        QVERIFY(waitUntil([&] { return client.socket.state() == QAbstractSocket::UnconnectedState; }, 3000));
+        QCOMPARE(client.awaitFrames(1, 0).size(), 0);
+        QVERIFY(waitUntil([&] { return sockets.first().isNull(); }, 3000));
+
+        // A peer that hangs up instead is let go as well.
+        RawWebSocket second;
+        QVERIFY(second.connect(server->serverPort()));
+        second.write(RawWebSocket::handshake("/linger"));
+        QVERIFY(second.awaitAnswerHead(3000).startsWith("HTTP/1.1 101"));
+        QVERIFY(waitUntil([&] { return sockets.size() == 2; }, 3000));
+        server->closeKeepingReadOpen(sockets.last());
+        QCOMPARE(second.awaitFrames(1, 3000).size(), 1);
+        second.socket.disconnectFromHost();
+        QVERIFY(waitUntil([&] { return sockets.last().isNull(); }, 3000));
     }
 
     void oversizedBodyIsRefused() {

@@ -187,9 +187,11 @@ void WebSocketViewController::acceptTextFrame(QWebSocket *session, const QString
     {
         QMutexLocker lock(&sessionMutex);
         if (wsSession != session) {
-            // The displaced POS hears about it before the new one is remembered.
+            // The displaced POS hears about it before the new one is remembered. Its side is
+            // still read until it answers the close frame or hangs up: a frame it sent
+            // before it saw the close frame takes the role back, as any later sender does.
             if (wsSession)
-                wsSession->close();
+                server.closeKeepingReadOpen(wsSession);
             wsSession = session;
             changed = true;
         }

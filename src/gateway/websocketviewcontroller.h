@@ -20,7 +20,8 @@ class QWebSocket;
 // The POS gateway. Serves ws://127.0.0.1:49999/: every text frame is routed, and every
 // "WEBSOCKET" response on the bus is written back to the POS as compact JSON.
 // Only one POS is served at a time, and the most recent sender wins: when another
-// connection sends a frame, the previous one gets a close frame and stops receiving.
+// connection sends a frame, the previous one gets a close frame and stops receiving. If it
+// sends again before it has closed its side, it takes the role back in the same way.
 class WebSocketViewController : public QObject {
     Q_OBJECT
 public:

@@ -1,5 +1,8 @@
 #include "httpserver.h"
 
+#include "chunkedbody.h"
+#include "httpconnection.h"
+
 #include <QTcpSocket>
 #include <QTimer>
 #include <QUrl>
@@ -75,9 +78,9 @@ QByteArray HttpResponse::serialized() const {
 }
 
 HttpServer::HttpServer(const QString &serverName, QObject *parent)
-    : QObject(parent),
+    : QObject(parent), tcpServer(new HttpConnectionServer(this)),
       webSocketServer(new QWebSocketServer(serverName, QWebSocketServer::NonSecureMode, this)) {
-    connect(&tcpServer, &QTcpServer::newConnection, this, &HttpServer::acceptPending);
+    connect(tcpServer, &QTcpServer::newConnection, this, &HttpServer::acceptPending);
     connect(webSocketServer, &QWebSocketServer::newConnection, this, &HttpServer::takeUpgraded);
 }
 
@@ -100,11 +103,27 @@ void HttpServer::setSupportedSubprotocols(const QStringList &protocols) {
 }
 
 bool HttpServer::listen(const QHostAddress &address, quint16 port) {
-    return tcpServer.listen(address, port);
+    return tcpServer->listen(address, port);
+}
+
+QString HttpServer::errorString() const {
+    return tcpServer->errorString();
+}
+
+quint16 HttpServer::serverPort() const {
+    return tcpServer->serverPort();
+}
+
+QHostAddress HttpServer::serverAddress() const {
+    return tcpServer->serverAddress();
+}
+
+bool HttpServer::isListening() const {
+    return tcpServer->isListening();
 }
 
 void HttpServer::acceptPending() {
-    while (QTcpSocket *socket = tcpServer.nextPendingConnection()) {
+    while (auto *socket = static_cast<HttpConnection *>(tcpServer->nextPendingConnection())) {
         // The WebSocket server only times out handshakes on connections it accepted
         // itself, so a client that connects and never finishes its request is dropped here.
         auto *timer = new QTimer(socket);
@@ -120,7 +139,7 @@ void HttpServer::acceptPending() {
     }
 }
 
-void HttpServer::inspect(QTcpSocket *socket) {
+void HttpServer::inspect(HttpConnection *socket) {
     // Peek, never read: the WebSocket server must see the request exactly as sent.
     const QByteArray buffered = socket->peek(socket->bytesAvailable());
     const qsizetype end = buffered.indexOf("\r\n\r\n");
@@ -133,7 +152,11 @@ void HttpServer::inspect(QTcpSocket *socket) {
     }
     const qsizetype headLength = end + 4;
     ParsedHead parsed = parseHead(buffered.left(end));
-    if (!parsed.ok || !parsed.request.headers.contains("host")) {
+    // A WebSocket handshake needs its Host header (the WebSocket server refuses one without
+    // it); a plain request for a page of ours is answered all the same.
+    const bool hostMissing = !parsed.request.headers.contains("host") &&
+                             (parsed.request.isWebSocketUpgrade() || !httpRouteFor(parsed.request.path));
+    if (!parsed.ok || hostMissing) {
         disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
         answer(socket, HttpResponse::error(400, "Bad Request"));
         return;
@@ -141,56 +164,102 @@ void HttpServer::inspect(QTcpSocket *socket) {
     dispatch(socket, std::move(parsed.request), headLength);
 }
 
-void HttpServer::dispatch(QTcpSocket *socket, HttpRequest request, qsizetype headLength) {
-    if (request.isWebSocketUpgrade() || !httpRouteFor(request.path)) {
-        disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
-        if (!webSocketRouteFor(request.path)) {
-            answer(socket, HttpResponse::error(404, "Not Found"));
-            return;
-        }
-        if (!request.isWebSocketUpgrade() || !request.headers.contains("sec-websocket-key")) {
-            // A browser or curl asking for "/" as a page: say what is wrong instead of
-            // leaving the WebSocket server to drop the connection without a word.
-            answer(socket, HttpResponse::error(400, "Bad Request"));
-            return;
-        }
-        if (originCheck && request.headers.contains("origin") && !originCheck(request.header("origin"))) {
-            answer(socket, HttpResponse::error(403, "Forbidden"));
-            return;
-        }
-        if (auto *timer = socket->property(timerProperty).value<QObject *>())
-            delete timer;
-        disconnect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-        webSocketServer->handleConnection(socket);
+void HttpServer::dispatch(HttpConnection *socket, HttpRequest request, qsizetype headLength) {
+    if (!request.isWebSocketUpgrade() && httpRouteFor(request.path)) {
+        answerPlainRequest(socket, std::move(request), headLength);
         return;
     }
-
-    // Plain HTTP: wait until the whole body has arrived, then answer and close.
-    if (request.headers.contains("transfer-encoding")) {
-        // Chunked bodies are not decoded; refusing them beats taking the chunk framing
-        // for the body.
-        disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
-        answer(socket, HttpResponse::error(411, "Length Required"));
+    disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+    if (!webSocketRouteFor(request.path)) {
+        answer(socket, HttpResponse::error(404, "Not Found"));
         return;
     }
-    bool lengthOk = true;
-    const QByteArray lengthHeader = request.header("content-length");
-    const qint64 contentLength = lengthHeader.isEmpty() ? 0 : lengthHeader.toLongLong(&lengthOk);
-    if (!lengthOk || contentLength < 0) {
-        disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+    if (!request.isWebSocketUpgrade() || !request.headers.contains("sec-websocket-key")) {
+        // A browser or curl asking for "/" as a page: say what is wrong instead of
+        // leaving the WebSocket server to drop the connection without a word.
         answer(socket, HttpResponse::error(400, "Bad Request"));
         return;
     }
-    if (contentLength > maxMessageSize) {
-        disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
-        answer(socket, HttpResponse::error(413, "Content Too Large"));
+    if (originCheck && request.headers.contains("origin") && !originCheck(request.header("origin"))) {
+        answer(socket, HttpResponse::error(403, "Forbidden"));
         return;
     }
-    if (socket->bytesAvailable() < headLength + contentLength)
-        return; // more to come; inspect() runs again on the next readyRead
-    disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
-    socket->read(headLength);
-    request.body = socket->read(contentLength);
+    upgrade(socket, headLength);
+}
+
+void HttpServer::upgrade(HttpConnection *socket, qsizetype headLength) {
+    if (auto *timer = socket->property(timerProperty).value<QObject *>())
+        delete timer;
+    disconnect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    // The WebSocket server reads the handshake through a buffered stream that swallows
+    // whatever follows it: a first frame sent in the same write as the request would be
+    // lost. It waits here and goes back in front once the upgrade is done.
+    socket->holdBackAfterHead(headLength);
+    upgrading.removeAll(nullptr);
+    upgrading.append(socket);
+    webSocketServer->handleConnection(socket);
+}
+
+void HttpServer::answerPlainRequest(HttpConnection *socket, HttpRequest request, qsizetype headLength) {
+    const QByteArray transferEncoding = request.header("transfer-encoding").trimmed().toLower();
+    const bool chunked = transferEncoding == "chunked";
+    if (!transferEncoding.isEmpty() && !chunked) {
+        disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+        answer(socket, HttpResponse::error(501, "Not Implemented"));
+        return;
+    }
+    // A client that waits to be asked for its body (curl does for a chunked one) is asked
+    // at once rather than after its own second of waiting.
+    const auto askForBody = [socket, &request] {
+        if (request.header("expect").toLower() == "100-continue" && !socket->property("continued").toBool()) {
+            socket->setProperty("continued", true);
+            socket->write("HTTP/1.1 100 Continue\r\n\r\n");
+        }
+    };
+
+    if (chunked) {
+        const ChunkedBody body =
+            ChunkedBody::decode(socket->peek(socket->bytesAvailable()).mid(headLength), maxMessageSize);
+        switch (body.state) {
+        case ChunkedBody::State::Incomplete:
+            askForBody();
+            return; // more to come; inspect() runs again on the next readyRead
+        case ChunkedBody::State::Malformed:
+            disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+            answer(socket, HttpResponse::error(400, "Bad Request"));
+            return;
+        case ChunkedBody::State::TooLarge:
+            disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+            answer(socket, HttpResponse::error(413, "Content Too Large"));
+            return;
+        case ChunkedBody::State::Complete:
+            disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+            socket->read(headLength + body.consumed);
+            request.body = body.body;
+            break;
+        }
+    } else {
+        bool lengthOk = true;
+        const QByteArray lengthHeader = request.header("content-length");
+        const qint64 contentLength = lengthHeader.isEmpty() ? 0 : lengthHeader.toLongLong(&lengthOk);
+        if (!lengthOk || contentLength < 0) {
+            disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+            answer(socket, HttpResponse::error(400, "Bad Request"));
+            return;
+        }
+        if (contentLength > maxMessageSize) {
+            disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+            answer(socket, HttpResponse::error(413, "Content Too Large"));
+            return;
+        }
+        if (socket->bytesAvailable() < headLength + contentLength) {
+            askForBody();
+            return; // more to come; inspect() runs again on the next readyRead
+        }
+        disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+        socket->read(headLength);
+        request.body = socket->read(contentLength);
+    }
     const HttpRoute *route = httpRouteFor(request.path);
     answer(socket, route->handler(request));
 }
@@ -207,13 +276,42 @@ void HttpServer::takeUpgraded() {
         socket->setMaxAllowedIncomingMessageSize(static_cast<quint64>(maxMessageSize));
         socket->setMaxAllowedIncomingFrameSize(static_cast<quint64>(maxMessageSize));
         connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
+        HttpConnection *connection = connectionOf(socket);
+        if (connection) {
+            upgraded.insert(socket, connection);
+            connect(socket, &QObject::destroyed, this, [this, socket] { upgraded.remove(socket); });
+        }
         const WebSocketRoute *route = webSocketRouteFor(socket->requestUrl().path().toUtf8());
         if (!route) {
             socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
             continue;
         }
         route->handler(socket);
+        // Only now that the route has connected to the socket's frames: a frame that came
+        // with the handshake reaches it like any other.
+        if (connection && socket->state() == QAbstractSocket::ConnectedState)
+            connection->resumeAfterUpgrade();
     }
+}
+
+HttpConnection *HttpServer::connectionOf(QWebSocket *socket) {
+    // A connection is told apart by its peer's address and port.
+    upgrading.removeAll(nullptr);
+    for (qsizetype i = 0; i < upgrading.size(); ++i) {
+        HttpConnection *connection = upgrading.at(i);
+        if (connection->peerPort() == socket->peerPort() &&
+            connection->peerAddress() == socket->peerAddress()) {
+            upgrading.removeAt(i);
+            return connection;
+        }
+    }
+    return nullptr;
+}
+
+void HttpServer::closeKeepingReadOpen(QWebSocket *socket) {
+    if (HttpConnection *connection = upgraded.value(socket))
+        connection->keepReadingAfterNextClose();
+    socket->close();
 }
 
 const HttpServer::WebSocketRoute *HttpServer::webSocketRouteFor(const QByteArray &path) const {

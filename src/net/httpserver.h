@@ -1,14 +1,17 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHash>
 #include <QHostAddress>
 #include <QMap>
 #include <QObject>
+#include <QPointer>
 #include <QStringList>
-#include <QTcpServer>
 #include <functional>
 #include <vector>
 
+class HttpConnection;
+class HttpConnectionServer;
 class QTcpSocket;
 class QWebSocket;
 class QWebSocketServer;
@@ -57,8 +60,14 @@ public:
     // The handler receives every upgraded connection on a matching path, already
     // limited in message size; the socket deletes itself when it disconnects.
     void addWebSocketRoute(PathMatcher matches, WebSocketHandler handler);
-    // Plain requests with a body (Content-Length) on a matching path.
+    // Plain requests on a matching path, with their body (Content-Length or chunked). Such a
+    // request needs no Host header: plain HTTP clients of old leave it out.
     void addHttpRoute(PathMatcher matches, HttpHandler handler);
+
+    // Sends the close frame, as QWebSocket::close() does, but keeps reading the connection
+    // until the peer answers the close frame or hangs up: frames it sent before it saw the
+    // close frame still arrive. A browser answers at once and is gone as before.
+    void closeKeepingReadOpen(QWebSocket *socket);
 
     void setOriginCheck(OriginCheck check) { originCheck = std::move(check); }
     void setSupportedSubprotocols(const QStringList &protocols);
@@ -66,10 +75,10 @@ public:
     void setHandshakeTimeout(int milliseconds) { handshakeTimeoutMs = milliseconds; }
 
     bool listen(const QHostAddress &address, quint16 port);
-    QString errorString() const { return tcpServer.errorString(); }
-    quint16 serverPort() const { return tcpServer.serverPort(); }
-    QHostAddress serverAddress() const { return tcpServer.serverAddress(); }
-    bool isListening() const { return tcpServer.isListening(); }
+    QString errorString() const;
+    quint16 serverPort() const;
+    QHostAddress serverAddress() const;
+    bool isListening() const;
 
 private:
     struct WebSocketRoute {
@@ -82,15 +91,22 @@ private:
     };
 
     void acceptPending();
-    void inspect(QTcpSocket *socket);
-    void dispatch(QTcpSocket *socket, HttpRequest request, qsizetype headLength);
+    void inspect(HttpConnection *socket);
+    void dispatch(HttpConnection *socket, HttpRequest request, qsizetype headLength);
+    void upgrade(HttpConnection *socket, qsizetype headLength);
+    void answerPlainRequest(HttpConnection *socket, HttpRequest request, qsizetype headLength);
     void answer(QTcpSocket *socket, const HttpResponse &response);
     void takeUpgraded();
+    HttpConnection *connectionOf(QWebSocket *socket);
     const WebSocketRoute *webSocketRouteFor(const QByteArray &path) const;
     const HttpRoute *httpRouteFor(const QByteArray &path) const;
 
-    QTcpServer tcpServer;
+    HttpConnectionServer *tcpServer;
     QWebSocketServer *webSocketServer;
+    // Handed to the WebSocket server, handshake not yet answered.
+    QList<QPointer<HttpConnection>> upgrading;
+    // The connection under each upgraded socket (QWebSocket does not tell).
+    QHash<QWebSocket *, QPointer<HttpConnection>> upgraded;
     std::vector<WebSocketRoute> webSocketRoutes;
     std::vector<HttpRoute> httpRoutes;
     OriginCheck originCheck;

@@ -4,6 +4,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QHostAddress>
+#include <QList>
 #include <QProcess>
 #include <QStringList>
 #include <QTcpSocket>
@@ -137,10 +138,10 @@ struct HttpReply {
     QByteArray body;
 };
 
-// One plain HTTP request on its own connection, the way curl sends it; the server closes
-// the connection after its answer.
-inline HttpReply httpRequest(const QByteArray &method, const QByteArray &target, const QByteArray &body,
-                             bool withBody = true) {
+// Sends `request` as it stands on a connection of its own, in the pieces given (each
+// written once the server has taken the one before), and reads the answer until the server
+// closes the connection. An interim "100 Continue" answer is kept in `interim`.
+inline HttpReply rawHttp(const QList<QByteArray> &pieces, QByteArray *interim = nullptr) {
     HttpReply reply;
     QTcpSocket socket;
     QByteArray raw;
@@ -148,16 +149,21 @@ inline HttpReply httpRequest(const QByteArray &method, const QByteArray &target,
     socket.connectToHost(QHostAddress::LocalHost, serverPort);
     if (!waitUntil([&] { return socket.state() == QAbstractSocket::ConnectedState; }))
         return reply;
-    QByteArray request =
-        method + ' ' + target + " HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nUser-Agent: stomp-test\r\n";
-    if (withBody)
-        request += "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
-                   QByteArray::number(body.size()) + "\r\n";
-    request += "\r\n" + body;
-    socket.write(request);
+    for (const QByteArray &piece : pieces) {
+        socket.write(piece);
+        if (!waitUntil([&] { return socket.bytesToWrite() == 0; }))
+            return reply;
+        QTest::qWait(20);
+    }
     if (!waitUntil([&] { return socket.state() == QAbstractSocket::UnconnectedState; }))
         return reply;
     raw += socket.readAll();
+    const QByteArray continued = "HTTP/1.1 100 Continue\r\n\r\n";
+    if (raw.startsWith(continued)) {
+        if (interim)
+            *interim = continued;
+        raw.remove(0, continued.size());
+    }
     const qsizetype headEnd = raw.indexOf("\r\n\r\n");
     if (headEnd < 0)
         return reply;
@@ -166,6 +172,18 @@ inline HttpReply httpRequest(const QByteArray &method, const QByteArray &target,
     reply.body = raw.mid(headEnd + 4);
     reply.complete = true;
     return reply;
+}
+
+// One plain HTTP request on its own connection, the way curl sends it; the server closes
+// the connection after its answer.
+inline HttpReply httpRequest(const QByteArray &method, const QByteArray &target, const QByteArray &body,
+                             bool withBody = true) {
+    QByteArray request =
+        method + ' ' + target + " HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nUser-Agent: stomp-test\r\n";
+    if (withBody)
+        request += "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
+                   QByteArray::number(body.size()) + "\r\n";
+    return rawHttp({request + "\r\n" + body});
 }
 
 inline HttpReply post(const QByteArray &target, const QByteArray &body) {

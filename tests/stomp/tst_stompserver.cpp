@@ -1,5 +1,6 @@
 // System tests: the real stomp-test-server executable on port 8080, driven by a WebSocket
 // STOMP client and a plain HTTP client, as a developer at the shop computer would.
+#include "rawwebsocket.h"
 #include "stompharness.h"
 
 #include <QTcpServer>
@@ -54,6 +55,10 @@ private slots:
     void sessionIdIsTakenFromPath();
     void otherPathsAreNotFound();
     void onlyPostSetsAttachment();
+    void postWithoutHostIsDone();
+    void chunkedPostIsDone_data();
+    void chunkedPostIsDone();
+    void frameInTheSameWriteAsTheHandshakeIsAnswered();
     void portTakenEndsWithError();
     void terminationClosesLiveSessions();
 
@@ -367,6 +372,73 @@ void TestStompServer::onlyPostSetsAttachment() {
     QCOMPARE(client.next(), connected(QStringLiteral("s1"), QString()));
     QVERIFY(server->waitForOutput("]: received WebSocket packet: \nCONNECT\n"));
     QVERIFY(!server->output.contains("Http request"));
+}
+
+void TestStompServer::postWithoutHostIsDone() {
+    // HTTP/1.0 clients and hand-written tools leave the Host header out.
+    for (const QByteArray &version : {QByteArray("1.1"), QByteArray("1.0")}) {
+        const HttpReply reply =
+            rawHttp({"POST /session/s1 HTTP/" + version + "\r\nContent-Length: 3\r\n\r\nabc"});
+        QVERIFY2(reply.complete, version.constData());
+        QCOMPARE(reply.statusLine, QByteArray("HTTP/1.1 200 OK"));
+        QCOMPARE(reply.body, QByteArray("Done (session:s1)\n"));
+    }
+    StompClient client;
+    QVERIFY(client.open(QStringLiteral("/session/s1")));
+    client.sendFrame(QStringLiteral("CONNECT"));
+    QCOMPARE(client.next(), connected(QStringLiteral("s1"), QStringLiteral("abc")));
+    // Other methods and paths are answered as before.
+    QCOMPARE(rawHttp({"GET /session/s1 HTTP/1.1\r\n\r\n"}).statusLine,
+             QByteArray("HTTP/1.1 405 Method Not Allowed"));
+    QCOMPARE(rawHttp({"POST /other HTTP/1.1\r\nHost: x\r\nContent-Length: 1\r\n\r\nx"}).statusLine,
+             QByteArray("HTTP/1.1 404 Not Found"));
+}
+
+void TestStompServer::chunkedPostIsDone_data() {
+    QTest::addColumn<QList<QByteArray>>("pieces");
+    QTest::addColumn<bool>("continued");
+    const QByteArray head =
+        "POST /session/s1 HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nTransfer-Encoding: chunked\r\n";
+    const QByteArray body = "3\r\n\xec\xa3\xbc\r\n6;name=value\r\n\xeb\xac\xb8 ok\r\n0\r\n\r\n";
+    QTest::newRow("one write") << QList<QByteArray>{head + "\r\n" + body} << false;
+    QTest::newRow("chunk by chunk") << QList<QByteArray>{head + "\r\n", body.left(10), body.mid(10, 9),
+                                                         body.mid(19)}
+                                    << false;
+    // curl asks first, then sends the body once told to go on.
+    QTest::newRow("Expect: 100-continue")
+        << QList<QByteArray>{head + "Expect: 100-continue\r\n\r\n", body} << true;
+    QTest::newRow("trailer and upper-case size")
+        << QList<QByteArray>{head + "\r\n3\r\n\xec\xa3\xbc\r\n6\r\n\xeb\xac\xb8 ok\r\n0\r\nX-Sum: 1\r\n\r\n"}
+        << false;
+}
+
+void TestStompServer::chunkedPostIsDone() {
+    QFETCH(QList<QByteArray>, pieces);
+    QFETCH(bool, continued);
+    QByteArray interim;
+    const HttpReply reply = rawHttp(pieces, &interim);
+    QVERIFY(reply.complete);
+    QCOMPARE(reply.statusLine, QByteArray("HTTP/1.1 200 OK"));
+    QCOMPARE(reply.body, QByteArray("Done (session:s1)\n"));
+    QCOMPARE(!interim.isEmpty(), continued);
+    QVERIFY(server->waitForOutput("[s1]: Http request\nbody: 주문 ok\n"));
+    StompClient client;
+    QVERIFY(client.open(QStringLiteral("/session/s1")));
+    client.sendFrame(QStringLiteral("CONNECT"));
+    QCOMPARE(client.next(), connected(QStringLiteral("s1"), QStringLiteral("주문 ok")));
+}
+
+void TestStompServer::frameInTheSameWriteAsTheHandshakeIsAnswered() {
+    RawWebSocket client;
+    QVERIFY(client.connect(serverPort));
+    client.write(RawWebSocket::handshake("/session/s1", "127.0.0.1:8080") +
+                 RawWebSocket::text(bytes("CONNECT\naccept-version:1.2\n\n\0")) +
+                 RawWebSocket::text(bytes("SUBSCRIBE\nid:0\ndestination:/a\n\n\0")));
+    QVERIFY(client.awaitAnswerHead(deadlineMs).startsWith("HTTP/1.1 101"));
+    const QList<RawWebSocket::Frame> frames = client.awaitFrames(2, deadlineMs);
+    QCOMPARE(frames.size(), 2);
+    QCOMPARE(frames[0].payload, connected(QStringLiteral("s1"), QString()).toUtf8());
+    QCOMPARE(frames[1].payload, receipt().toUtf8());
 }
 
 void TestStompServer::portTakenEndsWithError() {
