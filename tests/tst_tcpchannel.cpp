@@ -12,6 +12,7 @@
 #include "tcpviewcontroller.h"
 #include "terminallistener.h"
 #include "userdefaults.h"
+#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QElapsedTimer>
@@ -344,6 +345,154 @@ private slots:
         QCOMPARE(answers.first(), answer(QStringLiteral("승인 완료 1234"), "KIS7430"));
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 2000));
         QCOMPARE(channelLines(), QStringList());
+    }
+
+    // ---- answers the network cuts into pieces (Wi-Fi, small switches)
+
+    void kisAnswerInPiecesReachesThePosWhole_data() {
+        QTest::addColumn<QList<qsizetype>>("cuts");
+        QTest::addColumn<int>("gapMs");
+        // STX "AB", then 승인 완료 1234 (승 is bytes 3-4, 인 5-6, 완 8-9), then ETX
+        QTest::newRow("2 pieces, no pause") << QList<qsizetype>{7} << 0;
+        QTest::newRow("2 pieces, cut inside a character") << QList<qsizetype>{4} << 150;
+        QTest::newRow("3 pieces, cut inside characters") << QList<qsizetype>{4, 9} << 100;
+        QTest::newRow("3 pieces, 200 ms apart") << QList<qsizetype>{2, 10} << 200;
+        QTest::newRow("ETX on its own") << QList<qsizetype>{17} << 120;
+        QList<qsizetype> everyByte;
+        for (qsizetype i = 1; i < 18; ++i)
+            everyByte << i;
+        QTest::newRow("every byte a piece") << everyByte << 15;
+    }
+    void kisAnswerInPiecesReachesThePosWhole() {
+        QFETCH(QList<qsizetype>, cuts);
+        QFETCH(int, gapMs);
+        const QByteArray result = devsim::kisResultFrame(cp(QStringLiteral("승인 완료 1234")));
+        QCOMPARE(result.size(), 18);
+        kis->setScript({devsim::ScriptedTerminal::awaitBytes(5), devsim::ScriptedTerminal::reply("\x06"),
+                        devsim::ScriptedTerminal::reply(result, 100, devsim::Pieces::at(cuts, gapMs))});
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000 + 18 * gapMs));
+        QCOMPARE(answers.first(), answer(QStringLiteral("승인 완료 1234"), "KIS7430"));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 2000));
+        keepRunningFor(100);
+        QCOMPARE(answers.size(), 1);
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    void kisAcknowledgementAndResultInOnePieceAreTwoReplies_data() {
+        QTest::addColumn<QList<QByteArray>>("replies");
+        const QByteArray result = devsim::kisResultFrame(cp(QStringLiteral("승인 완료 1234")));
+        QTest::newRow("ACK and the whole result") << QList<QByteArray>{"\x06" + result};
+        QTest::newRow("ACK and the start of the result")
+            << QList<QByteArray>{"\x06" + result.left(4), result.mid(4)};
+    }
+    void kisAcknowledgementAndResultInOnePieceAreTwoReplies() {
+        QFETCH(QList<QByteArray>, replies);
+        QList<devsim::ScriptedTerminal::Step> script{devsim::ScriptedTerminal::awaitBytes(5)};
+        for (const QByteArray &reply : replies)
+            script << devsim::ScriptedTerminal::reply(reply, script.size() == 1 ? 0 : 100);
+        kis->setScript(script);
+        load();
+        post(request("KIS", "\x02PAY\x03"));
+        // Not 300 s: the result was there all along.
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer(QStringLiteral("승인 완료 1234"), "KIS7430"));
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 2000));
+        QCOMPARE(channelLines(), QStringList());
+    }
+
+    void smartroRepliesInPiecesAreEachAcknowledgedOnceWhole_data() {
+        QTest::addColumn<QList<qsizetype>>("cuts");
+        QTest::addColumn<int>("gapMs");
+        // DLE, then 정상승인 5000원 (정 is bytes 1-2)
+        QTest::newRow("2 pieces, cut inside a character") << QList<qsizetype>{2} << 100;
+        QTest::newRow("3 pieces, 200 ms apart") << QList<qsizetype>{1, 6} << 200;
+        QTest::newRow("4 pieces, no pause") << QList<qsizetype>{3, 5, 9} << 0;
+    }
+    void smartroRepliesInPiecesAreEachAcknowledgedOnceWhole() {
+        QFETCH(QList<qsizetype>, cuts);
+        QFETCH(int, gapMs);
+        const QByteArray cardRead("\x02"
+                                  "CARD READ\x03");
+        const QByteArray dleReply = QByteArray("\x10") + cp(QStringLiteral("정상승인 5000원"));
+        using T = devsim::ScriptedTerminal;
+        smartro->setScript({T::awaitBytes(5), T::reply("\x06"),
+                            T::reply(cardRead, 50, devsim::Pieces::at(cuts, gapMs)), T::awaitBytes(8),
+                            T::reply(dleReply, 50, devsim::Pieces::at(cuts, gapMs)), T::awaitBytes(11)});
+        load();
+        post(request("SMARTRO", "\x02PAY\x03"));
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 5000));
+        QCOMPARE(answers.first(),
+                 answer(QString(QChar(0x10)) + QStringLiteral("정상승인 5000원"), "SMT-T263"));
+        QVERIFY(waitUntil([&] { return smartro->closedCount() == 1; }, 2000));
+        // One acknowledgement per reply, not per piece.
+        QCOMPARE(smartro->connections().first().received, QByteArray("\x02PAY\x03") + QByteArray(6, '\x06'));
+        QCOMPARE(channelLines(), (QStringList{"ack success", "ack success", "DLE COMES!"}));
+    }
+
+    void listenerAnswerInPiecesReachesThePosWhole_data() {
+        QTest::addColumn<bool>("smartroListener");
+        QTest::addColumn<QList<qsizetype>>("cuts");
+        QTest::addColumn<int>("gapMs");
+        // STX "0000", then 정상승인 금액 15000원 (정 is bytes 5-6), then ETX "00"
+        QTest::newRow("KICC, 2 pieces, cut inside a character") << false << QList<qsizetype>{6} << 100;
+        QTest::newRow("KICC, 3 pieces, 200 ms apart") << false << QList<qsizetype>{3, 14} << 200;
+        QTest::newRow("KICC, the ending cut off") << false << QList<qsizetype>{27, 28} << 150;
+        QTest::newRow("SMARTRO, 2 pieces, no pause") << true << QList<qsizetype>{10} << 0;
+        QTest::newRow("SMARTRO, 5 pieces") << true << QList<qsizetype>{1, 5, 6, 20, 27} << 60;
+    }
+    void listenerAnswerInPiecesReachesThePosWhole() {
+        QFETCH(bool, smartroListener);
+        QFETCH(QList<qsizetype>, cuts);
+        QFETCH(int, gapMs);
+        load();
+        const TerminalListener *listener =
+            smartroListener ? controller->smartroListener() : controller->kiccListener();
+        const QByteArray frame = devsim::listenerFrame(cp(QStringLiteral("정상승인 금액 15000원")));
+        QCOMPARE(frame.size(), 29);
+        devsim::AnswerCall terminal{QHostAddress::LocalHost,
+                                    listener->serverPort(),
+                                    frame,
+                                    devsim::AnswerCall::Ending::WaitForListener,
+                                    nullptr,
+                                    devsim::Pieces::at(cuts, gapMs)};
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer(QStringLiteral("정상승인 금액 15000원"),
+                                         smartroListener ? "SMT-T263" : "TS-132N:TS-167"));
+        // The listener let go once it had the whole frame.
+        QVERIFY(waitUntil([&] { return terminal.isFinished(); }, 3000));
+        QVERIFY(terminal.closedByListener());
+        QVERIFY(!channelLines().contains("euc failed"));
+    }
+
+    void listenerFrameWithAnotherEndingIsTakenOnceTheTerminalPauses() {
+        load();
+        // Framing bytes of another make: no ETX three from the end. The frame is whole when
+        // the terminal stops sending, even if it keeps the line open.
+        devsim::AnswerCall terminal{QHostAddress::LocalHost,
+                                    controller->kiccListener()->serverPort(),
+                                    "#####" + cp(QStringLiteral("승인")) + "###",
+                                    devsim::AnswerCall::Ending::WaitForListener,
+                                    nullptr,
+                                    devsim::Pieces::at({7}, 150)};
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer(QStringLiteral("승인"), "TS-132N:TS-167"));
+        QVERIFY(waitUntil([&] { return terminal.isFinished(); }, 3000));
+        QVERIFY(terminal.closedByListener());
+    }
+
+    void listenerAnswerOver1024BytesInPiecesIsCutFromItsFirst1024() {
+        load();
+        const QByteArray frame = "HEAD:" + QByteArray(1500, 'x');
+        devsim::AnswerCall terminal{QHostAddress::LocalHost,
+                                    controller->kiccListener()->serverPort(),
+                                    frame,
+                                    devsim::AnswerCall::Ending::WaitForListener,
+                                    nullptr,
+                                    devsim::Pieces::at({300, 700, 1100}, 50)};
+        QVERIFY(waitUntil([&] { return answers.size() == 1; }, 3000));
+        QCOMPARE(answers.first(), answer(QString(1024 - 5 - 3, u'x'), "TS-132N:TS-167"));
     }
 
     void kisPrintEndsWithTheFirstReply() {

@@ -10,27 +10,24 @@ constexpr int listenerPatienceMs = 5000;
 } // namespace
 
 AnswerCall::AnswerCall(const QHostAddress &address, quint16 port, const QByteArray &bytes, Ending ending,
-                       QObject *parent)
+                       QObject *parent, const Pieces &pieces)
     : QObject(parent), to(QStringLiteral("%1:%2").arg(address.toString()).arg(port)), answer(bytes),
-      ending(ending) {
+      ending(ending), pieces(pieces) {
     patience.setSingleShot(true);
     connect(&patience, &QTimer::timeout, this, &AnswerCall::hangUp);
     connect(&socket, &QTcpSocket::connected, this, [this] {
         connected = true;
         if (this->ending == Ending::StaySilent)
             return;
-        socket.write(answer);
+        sendInPieces(
+            &socket, this->pieces.split(answer), this->pieces.gapMs,
+            [this](const QByteArray &piece) { emit pieceSent(piece); },
+            [this] {
+                allWritten = true;
+                checkSent(); // the last piece may be out already
+            });
     });
-    connect(&socket, &QTcpSocket::bytesWritten, this, [this] {
-        if (sent || socket.bytesToWrite() > 0)
-            return;
-        sent = true;
-        emit answerSent();
-        if (this->ending == Ending::HangUpAfterSending)
-            hangUp();
-        else
-            patience.start(listenerPatienceMs);
-    });
+    connect(&socket, &QTcpSocket::bytesWritten, this, &AnswerCall::checkSent);
     connect(&socket, &QTcpSocket::disconnected, this, [this] {
         listenerClosed = !hangingUp;
         finish();
@@ -51,6 +48,17 @@ AnswerCall::~AnswerCall() {
     // A socket still open closes as it is destroyed, after the timer: its signals must not
     // reach a half-destroyed call.
     socket.disconnect(this);
+}
+
+void AnswerCall::checkSent() {
+    if (sent || !allWritten || socket.bytesToWrite() > 0)
+        return;
+    sent = true;
+    emit answerSent();
+    if (ending == Ending::HangUpAfterSending)
+        hangUp();
+    else
+        patience.start(listenerPatienceMs);
 }
 
 void AnswerCall::hangUp() {

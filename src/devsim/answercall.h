@@ -1,5 +1,7 @@
 #pragma once
 
+#include "pieces.h"
+
 #include <QByteArray>
 #include <QHostAddress>
 #include <QObject>
@@ -13,14 +15,15 @@ namespace devsim {
 // terminals deliver their results: it connects, sends the answer and keeps the line until
 // the listener lets go (hanging up itself if the listener holds on too long). A terminal
 // that misbehaves is an ending of the same call: one that hangs up as soon as its bytes are
-// out, or one that connects and never says anything.
+// out, or one that connects and never says anything. On a network that cuts the answer
+// up, it goes out in `pieces`.
 class AnswerCall : public QObject {
     Q_OBJECT
 public:
     enum class Ending { WaitForListener, HangUpAfterSending, StaySilent };
 
     AnswerCall(const QHostAddress &address, quint16 port, const QByteArray &bytes,
-               Ending ending = Ending::WaitForListener, QObject *parent = nullptr);
+               Ending ending = Ending::WaitForListener, QObject *parent = nullptr, const Pieces &pieces = {});
     ~AnswerCall() override;
 
     QString target() const { return to; }
@@ -35,11 +38,13 @@ public:
     void hangUp();
 
 signals:
+    void pieceSent(const QByteArray &piece); // the whole answer, unless it goes in pieces
     void answerSent();
     void failed(const QString &error);
     void ended();
 
 private:
+    void checkSent();
     void finish();
 
     QTcpSocket socket;
@@ -47,6 +52,8 @@ private:
     QString to;
     QByteArray answer;
     Ending ending;
+    Pieces pieces;
+    bool allWritten = false;
     bool connected = false;
     bool sent = false;
     bool finished = false;

@@ -20,6 +20,7 @@ const char *const usageText = R"(Usage:
   teranocounter-devsim printer [--listen ADDR] [--port N]
   teranocounter-devsim terminal kis|kicc|smartro [--listen ADDR] [--port N] [--answer TEXT]
                                                  [--delay MS] [--reply-to ADDR[:PORT]]
+                                                 [--pieces N] [--piece-gap MS]
   teranocounter-devsim serial [--model TS-132N|TS-167|SMT-T263|KIS-7430] [--answer TEXT]
                               [--link PATH] [--unplug-after S] [--unplug-for S]
 Simulated kitchen printer and card terminals for developing a POS without hardware.
@@ -46,6 +47,7 @@ struct Options {
     QString link;
     int unplugAfterS = 0;
     int unplugForS = 5;
+    devsim::Pieces pieces;
 };
 
 std::optional<int> number(const QString &text, int low, int high) {
@@ -78,14 +80,14 @@ int runTerminal(const QString &vendor, const Options &options, QObject *owner) {
     quint16 port = 0;
     if (vendor == QLatin1String("kis")) {
         port = devsim::VendorPort::kis;
-        terminal->setScript(devsim::kisExchange(options.answer, options.delayMs));
+        terminal->setScript(devsim::kisExchange(options.answer, options.delayMs, options.pieces));
     } else if (vendor == QLatin1String("smartro")) {
         port = devsim::VendorPort::smartro;
-        terminal->setScript(devsim::smartroExchange(options.answer, options.delayMs));
+        terminal->setScript(devsim::smartroExchange(options.answer, options.delayMs, options.pieces));
     } else if (vendor == QLatin1String("kicc")) {
         port = devsim::VendorPort::kicc;
-        terminal->setScript(
-            devsim::kiccExchange(options.answer, options.delayMs, options.replyTo, options.replyPort));
+        terminal->setScript(devsim::kiccExchange(options.answer, options.delayMs, options.replyTo,
+                                                 options.replyPort, options.pieces));
     } else {
         return fail(QStringLiteral("unknown terminal \"%1\" (kis, kicc or smartro)").arg(vendor));
     }
@@ -99,6 +101,10 @@ int runTerminal(const QString &vendor, const Options &options, QObject *owner) {
     QString line = QStringLiteral("%1 terminal listening on %2:%3").arg(vendor, listen).arg(port);
     if (vendor == QLatin1String("kicc"))
         line += QStringLiteral(", answers to %1:%2").arg(options.replyTo.toString()).arg(options.replyPort);
+    if (options.pieces.count > 1)
+        line += QStringLiteral(", each answer in %1 pieces %2 ms apart")
+                    .arg(options.pieces.count)
+                    .arg(options.pieces.gapMs);
     say(line);
     return 0;
 }
@@ -172,7 +178,14 @@ int runDevsim(int argc, char **argv) {
     const QCommandLineOption unplugFor(QStringLiteral("unplug-for"),
                                        QStringLiteral("Serial: and leave it out for S seconds."),
                                        QStringLiteral("S"));
-    parser.addOptions({help, listen, port, answer, delay, replyTo, model, link, unplugAfter, unplugFor});
+    const QCommandLineOption pieces(QStringLiteral("pieces"),
+                                    QStringLiteral("Terminal: send each answer in N pieces, as Wi-Fi does."),
+                                    QStringLiteral("N"));
+    const QCommandLineOption pieceGap(QStringLiteral("piece-gap"),
+                                      QStringLiteral("Terminal: with MS between the pieces."),
+                                      QStringLiteral("MS"));
+    parser.addOptions(
+        {help, listen, port, answer, delay, replyTo, model, link, unplugAfter, unplugFor, pieces, pieceGap});
     parser.addPositionalArgument(QStringLiteral("device"), QStringLiteral("printer, terminal or serial"));
     if (!parser.parse(app.arguments()))
         return fail(parser.errorText());
@@ -197,6 +210,19 @@ int runDevsim(int argc, char **argv) {
         if (!value)
             return fail(QStringLiteral("--delay takes milliseconds, from 0 to 3600000"));
         options.delayMs = *value;
+    }
+    if (parser.isSet(pieces)) {
+        const std::optional<int> value = number(parser.value(pieces), 1, 64);
+        if (!value)
+            return fail(QStringLiteral("--pieces takes a number from 1 to 64"));
+        options.pieces.count = *value;
+        options.pieces.gapMs = 50;
+    }
+    if (parser.isSet(pieceGap)) {
+        const std::optional<int> value = number(parser.value(pieceGap), 0, 10000);
+        if (!value)
+            return fail(QStringLiteral("--piece-gap takes milliseconds, from 0 to 10000"));
+        options.pieces.gapMs = *value;
     }
     const QString answerText = parser.isSet(answer) ? parser.value(answer) : devsim::defaultAnswer();
     const std::optional<QByteArray> encoded = cp949::encode(answerText);

@@ -88,10 +88,16 @@ void ScriptedTerminal::advance(QTcpSocket *socket, qsizetype index) {
             if (!guarded || guarded->state() != QAbstractSocket::ConnectedState)
                 return;
             if (step.kind == Step::Kind::Reply) {
-                guarded->write(step.bytes);
-                guarded->flush();
                 all[index].replySentAtMs.append(clock.elapsed());
-                note(QStringLiteral("send to ") + peerOf(guarded), step.bytes);
+                const QString to = QStringLiteral("send to ") + peerOf(guarded);
+                sendInPieces(
+                    guarded, step.pieces.split(step.bytes), step.pieces.gapMs,
+                    [this, to](const QByteArray &piece) { note(to, piece); },
+                    [this, guarded, index] {
+                        if (guarded)
+                            advance(guarded, index);
+                    });
+                return;
             } else if (step.kind == Step::Kind::HangUp) {
                 all[index].hungUpByTerminal = true;
                 all[index].closedAtMs = clock.elapsed();
@@ -109,11 +115,12 @@ void ScriptedTerminal::advance(QTcpSocket *socket, qsizetype index) {
 }
 
 void ScriptedTerminal::startDelivery(const Step &step) {
-    auto *call =
-        new AnswerCall(step.address, step.port, step.bytes, AnswerCall::Ending::WaitForListener, this);
+    auto *call = new AnswerCall(step.address, step.port, step.bytes, AnswerCall::Ending::WaitForListener,
+                                this, step.pieces);
     delivered.append(call);
-    connect(call, &AnswerCall::answerSent, this,
-            [this, call] { note(QStringLiteral("answer to ") + call->target(), call->bytes()); });
+    connect(call, &AnswerCall::pieceSent, this, [this, call](const QByteArray &piece) {
+        note(QStringLiteral("answer to ") + call->target(), piece);
+    });
     connect(call, &AnswerCall::failed, this, [this, call](const QString &error) {
         if (log)
             log(QStringLiteral("%1 answer to %2 failed: %3").arg(name, call->target(), error));

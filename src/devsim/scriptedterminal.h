@@ -30,25 +30,28 @@ public:
         int delayMs = 0;      // Reply, Deliver, HangUp: after the previous step
         QHostAddress address; // Deliver
         quint16 port = 0;     // Deliver
+        Pieces pieces = {};   // Reply, Deliver: how the network cuts the bytes up
     };
     static Step awaitBytes(qsizetype total) { return {Step::Kind::AwaitBytes, total, {}, 0, {}, 0}; }
     // Whatever arrives next, taken whole as the request.
     static Step awaitRequest() { return {Step::Kind::AwaitRequest, 0, {}, 0, {}, 0}; }
     static Step awaitMore(qsizetype count) { return {Step::Kind::AwaitMore, count, {}, 0, {}, 0}; }
-    static Step reply(const QByteArray &bytes, int delayMs = 0) {
-        return {Step::Kind::Reply, 0, bytes, delayMs, {}, 0};
+    // The next step comes once the last piece is out.
+    static Step reply(const QByteArray &bytes, int delayMs = 0, const Pieces &pieces = {}) {
+        return {Step::Kind::Reply, 0, bytes, delayMs, {}, 0, pieces};
     }
     // Connects to address:port, sends the bytes and closes, as a terminal that answers on
     // the POS computer's own listener does. The script goes on without waiting for it.
-    static Step deliver(const QHostAddress &address, quint16 port, const QByteArray &bytes, int delayMs = 0) {
-        return {Step::Kind::Deliver, 0, bytes, delayMs, address, port};
+    static Step deliver(const QHostAddress &address, quint16 port, const QByteArray &bytes, int delayMs = 0,
+                        const Pieces &pieces = {}) {
+        return {Step::Kind::Deliver, 0, bytes, delayMs, address, port, pieces};
     }
     static Step hangUp(int delayMs = 0) { return {Step::Kind::HangUp, 0, {}, delayMs, {}, 0}; }
 
     struct Connection {
         QByteArray received;
         QList<qint64> receivedAtMs;  // one entry per byte of `received`
-        QList<qint64> replySentAtMs; // one entry per Reply step carried out
+        QList<qint64> replySentAtMs; // one entry per Reply step carried out (its first piece)
         qint64 acceptedAtMs = -1;
         qint64 closedAtMs = -1; // when the connection ended (either side)
         bool hungUpByTerminal = false;

@@ -23,30 +23,28 @@ QByteArray listenerFrame(const QByteArray &answer) {
     return STX + QByteArray("0000") + answer + ETX + QByteArray("00");
 }
 
-QList<ScriptedTerminal::Step> kisExchange(const QByteArray &answer, int delayMs) {
+QList<ScriptedTerminal::Step> kisExchange(const QByteArray &answer, int delayMs, const Pieces &pieces) {
     using T = ScriptedTerminal;
-    // The result must not reach the service together with the acknowledgement: the service
-    // reads them as two replies.
     return {T::awaitRequest(), T::reply(QByteArray(1, ACK)),
-            T::reply(kisResultFrame(answer), qMax(delayMs, 20))};
+            T::reply(kisResultFrame(answer), qMax(delayMs, 0), pieces)};
 }
 
-QList<ScriptedTerminal::Step> smartroExchange(const QByteArray &answer, int delayMs) {
+QList<ScriptedTerminal::Step> smartroExchange(const QByteArray &answer, int delayMs, const Pieces &pieces) {
     using T = ScriptedTerminal;
     const QByteArray acknowledged(3, ACK);
     return {T::awaitRequest(),
             T::reply(QByteArray(1, ACK)),
             T::reply(STX + QByteArray("CARD READ") + ETX, 100),
             T::awaitMore(acknowledged.size()),
-            T::reply(DLE + answer, qMax(delayMs, 0)),
+            T::reply(DLE + answer, qMax(delayMs, 0), pieces),
             T::awaitMore(acknowledged.size())};
 }
 
 QList<ScriptedTerminal::Step> kiccExchange(const QByteArray &answer, int delayMs, const QHostAddress &replyTo,
-                                           quint16 replyPort) {
+                                           quint16 replyPort, const Pieces &pieces) {
     using T = ScriptedTerminal;
     return {T::awaitRequest(), T::reply(QByteArray(1, ACK)),
-            T::deliver(replyTo, replyPort, listenerFrame(answer), qMax(delayMs, 0))};
+            T::deliver(replyTo, replyPort, listenerFrame(answer), qMax(delayMs, 0), pieces)};
 }
 
 } // namespace devsim

@@ -27,17 +27,20 @@ QByteArray kisResultFrame(const QByteArray &answer);
 // before the text, three after it.
 QByteArray listenerFrame(const QByteArray &answer);
 
+// In each exchange the answer itself goes out in `pieces`, as on Wi-Fi; whole by default.
+
 // KIS: acknowledges the request at once, then, `delayMs` later (the customer entering the
-// PIN; at least 20 ms, so that the two never reach the service in one read), sends its
-// framed result on the same connection.
-QList<ScriptedTerminal::Step> kisExchange(const QByteArray &answer, int delayMs);
+// PIN), sends its framed result on the same connection. With no delay the acknowledgement
+// and the result can reach the service in one piece, as a fast terminal's do.
+QList<ScriptedTerminal::Step> kisExchange(const QByteArray &answer, int delayMs, const Pieces &pieces = {});
 // SMARTRO: acknowledges the request, reports the card read, and after the service's
 // 06 06 06 for that sends its DLE reply, the answer itself, which is acknowledged too.
 // The service hands the DLE reply on whole, DLE byte included.
-QList<ScriptedTerminal::Step> smartroExchange(const QByteArray &answer, int delayMs);
+QList<ScriptedTerminal::Step> smartroExchange(const QByteArray &answer, int delayMs,
+                                              const Pieces &pieces = {});
 // KICC: acknowledges the request, and `delayMs` later delivers its answer by connecting
 // to the service's answer listener at `replyTo`:`replyPort`.
 QList<ScriptedTerminal::Step> kiccExchange(const QByteArray &answer, int delayMs, const QHostAddress &replyTo,
-                                           quint16 replyPort = VendorPort::kicc);
+                                           quint16 replyPort = VendorPort::kicc, const Pieces &pieces = {});
 
 } // namespace devsim

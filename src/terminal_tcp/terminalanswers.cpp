@@ -2,6 +2,38 @@
 
 namespace TerminalAnswers {
 
+qsizetype firstReplyEnd(const QByteArray &gathered) {
+    return gathered.at(0) == ACK ? 1 : gathered.size();
+}
+
+qsizetype kisAnswerEnd(const QByteArray &gathered) {
+    if (gathered.at(0) == ACK)
+        return 1;
+    return gathered.endsWith(ETX) ? gathered.size() : 0;
+}
+
+qsizetype smartroReplyEnd(const QByteArray &gathered) {
+    return gathered.endsWith(ETX) ? gathered.size() : 0;
+}
+
+qsizetype listenerFrameEnd(const QByteArray &gathered) {
+    // Code page 949 text never holds the byte 03, so the ETX three from the end is the
+    // frame's own (a frame of 8 bytes is an empty answer).
+    constexpr qsizetype shortest = 5 + 3;
+    return gathered.size() >= shortest && gathered.at(gathered.size() - 3) == ETX ? gathered.size() : 0;
+}
+
+qsizetype replyLength(const QByteArray &gathered, qint64 limit, ReplyEnd end, bool moreMayCome) {
+    if (gathered.isEmpty())
+        return 0;
+    const QByteArray window = gathered.left(limit);
+    if (const qsizetype whole = end(window); whole > 0)
+        return whole;
+    if (window.size() >= limit || !moreMayCome)
+        return window.size();
+    return 0;
+}
+
 bool kisEndsWithFirstReply(const QByteArray &request, const QString &kind) {
     return kind == QLatin1String("print") || (request.size() > 2 && request.at(2) == DLE);
 }

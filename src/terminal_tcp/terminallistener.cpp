@@ -4,12 +4,11 @@
 #include "log.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
+#include "tcpclient.h"
 #include "terminalanswers.h"
 #include "terminalresponse.h"
 
 #include <QTcpSocket>
-#include <QTimer>
-#include <memory>
 
 TerminalListener::TerminalListener(const QString &deviceName, bool announcesClients, QObject *parent)
     : QObject(parent), deviceName(deviceName), announcesClients(announcesClients) {
@@ -34,36 +33,20 @@ void TerminalListener::acceptPending() {
     while (QTcpSocket *socket = server.nextPendingConnection()) {
         if (announcesClients)
             logLine(QStringLiteral("Client Comes!"));
-        socket->setParent(this);
-        auto *silence = new QTimer(socket);
-        silence->setSingleShot(true);
-        // The answer is what the first read brings; the connection is then let go without
-        // a reply. A terminal that hangs up before saying anything has delivered an empty
-        // frame.
-        auto taken = std::make_shared<bool>(false);
-        const auto take = [this, socket, silence, taken] {
-            if (*taken)
-                return;
-            *taken = true;
-            silence->stop();
-            const QByteArray frame = socket->read(readLimit);
-            socket->disconnectFromHost();
-            if (socket->state() == QAbstractSocket::UnconnectedState)
-                socket->deleteLater();
-            answerArrived(frame);
-        };
-        connect(socket, &QTcpSocket::readyRead, this, take);
-        connect(socket, &QTcpSocket::disconnected, this, [socket, take] {
-            take();
-            socket->deleteLater();
-        });
-        connect(silence, &QTimer::timeout, this, [socket, taken] {
-            *taken = true;
-            socket->abort();
-            socket->deleteLater();
-        });
-        silence->start(silentConnectionLimitMs);
-        if (socket->bytesAvailable() > 0)
-            take();
+        // The answer may come in pieces; it is read until its frame is whole (or the
+        // terminal pauses or hangs up), then the connection is let go without a reply.
+        auto *client = new TcpClient(socket, this);
+        connect(client, &TcpClient::finished, client, &QObject::deleteLater);
+        client->read(readLimit, silentConnectionLimitMs, TerminalAnswers::listenerFrameEnd,
+                     [this, client](const std::optional<QByteArray> &frame) {
+                         if (!frame && !client->hungUp()) {
+                             client->release(); // silent all along: nothing for the POS
+                             return;
+                         }
+                         // A terminal that hangs up before saying anything has delivered an
+                         // empty frame.
+                         client->close();
+                         answerArrived(frame.value_or(QByteArray()));
+                     });
     }
 }

@@ -7,9 +7,9 @@
 
 // Takes the answers that a KICC or SMARTRO terminal delivers on a connection of its own.
 // Each connection carries one answer: up to 1024 bytes, of which the first 5 and the last
-// 3 are the terminal's framing. The text between them, converted from code page 949, is
-// posted on "WEBSOCKET" for the POS; a frame shorter than 9 bytes is posted as an empty
-// answer. Connections are served side by side, so a terminal that connects and says
+// 3 are the terminal's framing, gathered from as many pieces as the network cuts it into. The text between
+// them, converted from code page 949, is posted on "WEBSOCKET" for the POS; a frame shorter than 9 bytes is
+// posted as an empty answer. Connections are served side by side, so a terminal that connects and says
 // nothing delays no one else's answer.
 class TerminalListener : public QObject {
     Q_OBJECT

@@ -73,7 +73,7 @@ public:
 private:
     void afterSend() override {
         // Whatever the terminal says here is only its receipt of the request.
-        client->read(VendorSenders::readLimit, timings.firstReplyMs,
+        client->read(VendorSenders::readLimit, timings.firstReplyMs, TerminalAnswers::firstReplyEnd,
                      [this](const std::optional<QByteArray> &) { client->close(); });
     }
 };
@@ -86,15 +86,18 @@ public:
 
 private:
     void afterSend() override {
-        client->read(
-            VendorSenders::readLimit, timings.firstReplyMs, [this](const std::optional<QByteArray> &) {
-                if (TerminalAnswers::kisEndsWithFirstReply(request, kind)) {
-                    client->close();
-                    return;
-                }
-                client->read(VendorSenders::readLimit, timings.kisAnswerMs,
+        // A fast terminal's acknowledgement and result can come in one piece: the first
+        // reply is then the ACK alone, and the result's read starts with the rest.
+        client->read(VendorSenders::readLimit, timings.firstReplyMs, TerminalAnswers::firstReplyEnd,
+                     [this](const std::optional<QByteArray> &) {
+                         if (TerminalAnswers::kisEndsWithFirstReply(request, kind)) {
+                             client->close();
+                             return;
+                         }
+                         client->read(
+                             VendorSenders::readLimit, timings.kisAnswerMs, TerminalAnswers::kisAnswerEnd,
                              [this](const std::optional<QByteArray> &answer) { takeAnswer(answer); });
-            });
+                     });
     }
 
     void takeAnswer(const std::optional<QByteArray> &answer) {
@@ -124,7 +127,7 @@ public:
 
 private:
     void afterSend() override {
-        client->read(VendorSenders::readLimit, timings.firstReplyMs,
+        client->read(VendorSenders::readLimit, timings.firstReplyMs, TerminalAnswers::firstReplyEnd,
                      [this](const std::optional<QByteArray> &first) {
                          if (!first) {
                              logLine(QStringLiteral("FIRST RESPONSE NOT COMES!"));
@@ -136,7 +139,9 @@ private:
     }
 
     void awaitReply() {
-        client->read(VendorSenders::readLimit, timings.smartroReplyMs,
+        // Each reply waits for its acknowledgement before the next, so one that comes in
+        // pieces is gathered whole before it is acknowledged.
+        client->read(VendorSenders::readLimit, timings.smartroReplyMs, TerminalAnswers::smartroReplyEnd,
                      [this](const std::optional<QByteArray> &reply) {
                          if (!reply) {
                              logLine(QStringLiteral("TIME OUT OCCURED!"));

@@ -43,6 +43,39 @@ class DevsimTest : public QObject {
     Q_OBJECT
 
 private slots:
+    void piecesCutWhereTheyAreTold() {
+        const QByteArray bytes("0123456789");
+        QCOMPARE(devsim::Pieces{}.split(bytes), QList<QByteArray>{bytes});
+        QCOMPARE(devsim::Pieces::at({3, 7}, 0).split(bytes), (QList<QByteArray>{"012", "3456", "789"}));
+        // Offsets outside the bytes, or not ascending, cut nothing.
+        QCOMPARE(devsim::Pieces::at({0, 5, 5, 2, 10, 12}, 0).split(bytes),
+                 (QList<QByteArray>{"01234", "56789"}));
+        QCOMPARE(devsim::Pieces::even(3, 0).split(bytes), (QList<QByteArray>{"012", "345", "6789"}));
+        QCOMPARE(devsim::Pieces::even(20, 0).split("abc"), (QList<QByteArray>{"a", "b", "c"}));
+    }
+
+    void replyInPiecesArrivesInPiecesApart() {
+        devsim::ScriptedTerminal terminal;
+        QVERIFY(terminal.listen());
+        terminal.setScript({devsim::ScriptedTerminal::awaitRequest(),
+                            devsim::ScriptedTerminal::reply("ABCDEF", 0, devsim::Pieces::at({2, 4}, 150))});
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, terminal.port());
+        QVERIFY(client.waitForConnected(2000));
+        client.write("REQ");
+        QElapsedTimer clock;
+        clock.start();
+        QList<QPair<qint64, QByteArray>> arrivals;
+        QObject::connect(&client, &QTcpSocket::readyRead, [&] {
+            arrivals.append({clock.elapsed(), client.readAll()});
+        });
+        QVERIFY(waitUntil([&] { return arrivals.size() == 3; }, 3000));
+        QCOMPARE(arrivals[0].second + arrivals[1].second + arrivals[2].second, QByteArray("ABCDEF"));
+        QCOMPARE(arrivals[1].second, QByteArray("CD"));
+        QVERIFY2(arrivals[2].first - arrivals[0].first >= 250,
+                 qPrintable(QString::number(arrivals[2].first)));
+    }
+
     void printerTags_data() {
         QTest::addColumn<QByteArray>("bytes");
         QTest::addColumn<QString>("shown");

@@ -143,6 +143,43 @@ private slots:
                      .isEmpty());
     }
 
+    void answersCutIntoPiecesReachThePosWhole_data() {
+        QTest::addColumn<QString>("vendor");
+        QTest::addColumn<QString>("posText");
+        QTest::addColumn<QString>("deviceName");
+        QTest::newRow("KIS") << "KIS" << QStringLiteral("정상승인 금액 15000원") << "KIS7430";
+        QTest::newRow("SMARTRO") << "SMARTRO" << QStringLiteral("\x10정상승인 금액 15000원") << "SMT-T263";
+        QTest::newRow("KICC") << "KICC" << QStringLiteral("정상승인 금액 15000원") << "TS-132N:TS-167";
+    }
+    void answersCutIntoPiecesReachThePosWhole() {
+        QFETCH(QString, vendor);
+        QFETCH(QString, posText);
+        QFETCH(QString, deviceName);
+        if (vendor == QLatin1String("KICC"))
+            QVERIFY2(!localAddresses().isEmpty(), "this machine has no non-loopback interface up");
+        // As a terminal on Wi-Fi sends it: the answer in 5 pieces, 150 ms apart.
+        DevsimProcess terminal;
+        QVERIFY(
+            terminal.start({"terminal", vendor.toLower(), "--answer", QStringLiteral("정상승인 금액 15000원"),
+                            "--delay", "100", "--pieces", "5", "--piece-gap", "150"}));
+        QVERIFY2(terminal.lines().first().endsWith(QStringLiteral(", each answer in 5 pieces 150 ms apart")),
+                 qPrintable(terminal.lines().first()));
+        ServiceProcess service;
+        PosClient pos;
+        startWithTcpTerminal(service, pos, vendor);
+        pos.send(terminalFrame(vendor, QByteArray("\x02PAY0015000\x03")));
+        QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 5000));
+        QCOMPARE(jsonObject(pos.texts.first()), expectedAnswer(posText, deviceName));
+        // Five pieces went out for the answer.
+        const QString sent =
+            vendor == QLatin1String("KICC") ? QStringLiteral(" answer to ") : QStringLiteral(" send to ");
+        QVERIFY(waitUntil([&] { return terminal.lines().filter(sent).size() >= 5; }, 2000));
+        qInfo("%s", qPrintable(terminal.lines().join(u'\n')));
+        QVERIFY(!service.stdoutLines().contains(QStringLiteral("euc failed")));
+        keepRunningFor(500);
+        QCOMPARE(pos.texts.size(), 1);
+    }
+
     void serialPaymentThroughASimulatedTs132n() {
         QTemporaryDir dir;
         const QString link = dir.filePath(QStringLiteral("ts132n"));
@@ -207,6 +244,9 @@ private slots:
             << QStringList{"terminal", "kis", "--answer", QStringLiteral("승인 😀")}
             << QStringLiteral(
                    "teranocounter-devsim: --answer has characters that code page 949 does not have");
+        QTest::newRow("pieces not a number")
+            << QStringList{"terminal", "kis", "--pieces", "0"}
+            << QStringLiteral("teranocounter-devsim: --pieces takes a number from 1 to 64");
         QTest::newRow("unknown command")
             << QStringList{"scanner"}
             << QStringLiteral(R"(teranocounter-devsim: unknown command "scanner"; )"
