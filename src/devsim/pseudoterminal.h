@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -53,6 +54,17 @@ public:
         if (master >= 0)
             ::close(master);
         master = -1;
+    }
+
+    // The line hangs up under whoever has it open, as when an adapter glitches: their
+    // descriptors fail from now on, while the device itself stays. Needs CAP_SYS_ADMIN.
+    bool hangUpLine() {
+        const int fd = ::open(QFile::encodeName(slaveName).constData(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (fd < 0)
+            return false;
+        const bool done = ::ioctl(fd, TIOCVHANGUP) == 0;
+        ::close(fd);
+        return done;
     }
 
     bool write(const QByteArray &bytes) {

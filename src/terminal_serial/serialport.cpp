@@ -1,5 +1,7 @@
 #include "serialport.h"
 
+#include <QTimer>
+
 SerialPort::SerialPort(const QString &path, const QString &description)
     : devicePath(path), stableName(description) {
     line.setPortName(path);
@@ -67,13 +69,13 @@ void SerialPort::lineFailed(QSerialPort::SerialPortError error) {
     if (portDelegate)
         portDelegate->serialPortDidEncounterError(*this, error);
 
-    // On Linux a vanished tty or pty does not report ResourceError but ReadError, and
-    // keeps reporting it for as long as the descriptor is open: every wake-up of the
-    // event loop would find the same dead descriptor readable. Whatever says the device
-    // is gone is taken as its removal, once.
-    const bool gone = error == QSerialPort::ReadError || error == QSerialPort::WriteError ||
-                      error == QSerialPort::ResourceError;
-    if (!gone || failed || !line.isOpen())
+    // A vanished or hung-up tty does not report ResourceError but ReadError, and keeps
+    // reporting it for as long as the descriptor is open: every wake-up of the event loop
+    // would find the same dead descriptor readable. The line is closed at once, then the
+    // port list says what it was.
+    const bool broken = error == QSerialPort::ReadError || error == QSerialPort::WriteError ||
+                        error == QSerialPort::ResourceError;
+    if (!broken || failed || !line.isOpen())
         return;
     failed = true;
     // Closed from the event loop rather than from inside the port's own notification;
@@ -81,8 +83,28 @@ void SerialPort::lineFailed(QSerialPort::SerialPortError error) {
     QMetaObject::invokeMethod(
         this,
         [this] {
+            if (!failed || removed)
+                return;
             close();
-            emit deviceVanished();
+            emit lineBroke();
         },
         Qt::QueuedConnection);
+}
+
+void SerialPort::reopenAfterLineFailure() {
+    if (removed)
+        return;
+    if (sinceReopen.isValid() && sinceReopen.elapsed() < reopenPauseMs)
+        QTimer::singleShot(reopenPauseMs, this, &SerialPort::reopen);
+    else
+        reopen();
+}
+
+void SerialPort::reopen() {
+    if (removed || !failed)
+        return;
+    sinceReopen.start();
+    // QSerialPort applies the baud rate it was given at every open. One that cannot be
+    // opened stays closed until a reload of the port list opens it again.
+    open();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QSerialPort>
 #include <QString>
@@ -18,7 +19,8 @@ public:
 
 // One serial device as the port list shows it. The manager keeps one object per device
 // for as long as the device is present, so closing and reopening it keeps its baud rate;
-// a device that comes back after an unplug is a new object with the line's defaults.
+// a device that comes back after an unplug is a new object with the line's defaults. An
+// error on the line is not an unplug: only the port list says that a device has gone.
 // Only the baud rate is ever set; data bits, parity, stop bits and flow control stay at
 // 8N1 without flow control, which is what the supported terminals speak.
 class SerialPort : public QObject {
@@ -46,20 +48,30 @@ public:
     void wasRemovedFromSystem();
     bool isRemoved() const { return removed; }
 
+    // The line broke while the device is still there (its descriptor hung up, the adapter
+    // hiccuped): the same port is opened again, at the same baud rate. Reopening at once
+    // after the last reopen waits a second, so a line that keeps breaking cannot spin.
+    void reopenAfterLineFailure();
+
+    static constexpr int reopenPauseMs = 1000;
+
 signals:
     void didOpen();
     void didClose();
-    // The open device failed in a way that means it is no longer there (a pulled cable
-    // makes reads fail, again and again); the port has already stopped reading.
-    void deviceVanished();
+    // A read, write or resource error broke the open line (a pulled cable makes reads fail,
+    // again and again); the port has stopped using it. Whoever keeps the port list decides
+    // whether the device has gone or the line is to be opened again.
+    void lineBroke();
 
 private:
     void lineFailed(QSerialPort::SerialPortError error);
+    void reopen();
 
     QString devicePath;
     QString stableName;
     QSerialPort line;
     SerialPortDelegate *portDelegate = nullptr;
     bool removed = false;
-    bool failed = false; // a vanishing error was seen since the last open
+    bool failed = false; // the line broke since the last open
+    QElapsedTimer sinceReopen;
 };

@@ -133,7 +133,7 @@ QList<SerialPortManager::Found> SerialPortManager::scan() {
 
 void SerialPortManager::adopt(const std::shared_ptr<SerialPort> &port) {
     SerialPort *raw = port.get();
-    connect(raw, &SerialPort::deviceVanished, this, [this, raw] { portVanished(raw); });
+    connect(raw, &SerialPort::lineBroke, this, [this, raw] { lineBroke(raw); });
 }
 
 void SerialPortManager::rescanNow() {
@@ -191,6 +191,20 @@ void SerialPortManager::rescan() {
         emit serialPortsWereDisconnected(disconnected);
     if (!connected.isEmpty())
         emit serialPortsWereConnected(connected);
+}
+
+void SerialPortManager::lineBroke(SerialPort *raw) {
+    const auto it = std::find_if(ports.begin(), ports.end(), [raw](const auto &p) { return p.get() == raw; });
+    if (it == ports.end()) {
+        raw->wasRemovedFromSystem();
+        return;
+    }
+    // A broken line is not an unplug; the list decides, and looks at the device now rather
+    // than at its next rescan. Still there: the same port goes on, at its baud rate.
+    if (identityOf(raw->path()) == std::optional<Identity>(identities.at(it - ports.begin())))
+        raw->reopenAfterLineFailure();
+    else
+        portVanished(raw);
 }
 
 void SerialPortManager::portVanished(SerialPort *raw) {

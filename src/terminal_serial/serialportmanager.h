@@ -86,6 +86,7 @@ private:
     void scheduleRescan();
     void updateWatches();
     void adopt(const std::shared_ptr<SerialPort> &port);
+    void lineBroke(SerialPort *port);
     void portVanished(SerialPort *port);
     static std::optional<Identity> identityOf(const QString &path);
 

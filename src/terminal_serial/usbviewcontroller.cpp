@@ -270,6 +270,7 @@ void USBViewController::serialPortDidReceiveData(SerialPort &, const QByteArray 
 }
 
 void USBViewController::serialPortDidEncounterError(SerialPort &, QSerialPort::SerialPortError) {
-    // Errors that mean the device is gone come back as its removal; the rest change
-    // nothing, and a write that fails is not retried.
+    // Nothing to do: the port list decides whether a broken line means the device has gone
+    // (then it comes back as its removal) or is opened again; a write that fails is not
+    // retried.
 }

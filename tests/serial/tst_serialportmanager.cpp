@@ -252,6 +252,43 @@ private slots:
         QVERIFY(!port->sendData("x"));
     }
 
+    void aLineThatBreaksWhileTheDeviceStaysIsTheSamePortAtItsRate() {
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(path("term"));
+        QVERIFY(link.plug(terminal));
+        SerialPortManager manager(envOnly({link.path()}));
+        const auto port = manager.availablePorts().value(0);
+        QVERIFY(port);
+        RecordingDelegate delegate;
+        port->setDelegate(&delegate);
+        QVERIFY(port->open());
+        QVERIFY(port->setBaudRate(38400));
+        QSignalSpy disconnected(&manager, &SerialPortManager::serialPortsWereDisconnected);
+        QSignalSpy connected(&manager, &SerialPortManager::serialPortsWereConnected);
+
+        if (!terminal.hangUpLine())
+            QSKIP("hanging up a line needs CAP_SYS_ADMIN");
+        // The descriptor fails at once; the line comes back as the same port, at its rate.
+        QVERIFY(waitUntil([&] { return delegate.errors > 0; }, 2000));
+        QVERIFY(waitUntil([&] { return port->isOpen(); }, 2000));
+        keepRunningFor(300);
+        QCOMPARE(delegate.removals, 0);
+        QCOMPARE(disconnected.size(), 0);
+        QCOMPARE(connected.size(), 0);
+        QCOMPARE(manager.availablePorts().value(0), port);
+        QCOMPARE(port->baudRate(), 38400);
+        QCOMPARE(terminal.outputSpeed(), speed_t(B38400));
+        // Both ways, on the line as opened again.
+        QVERIFY(port->sendData("PAY"));
+        QVERIFY(terminal.waitForReceived(3, 2000));
+        QCOMPARE(terminal.received(), QByteArray("PAY"));
+        terminal.write("ANSWER");
+        QVERIFY(waitUntil([&] { return delegate.data.endsWith("ANSWER"); }, 2000));
+        // The failing reads were a handful, not a busy loop.
+        keepRunningFor(1000);
+        QVERIFY2(delegate.errors <= 3, qPrintable(QString::number(delegate.errors)));
+    }
+
     void anOpenPortKeepsItsBaudRateAcrossCloseAndOpen() {
         devsim::PseudoTerminal terminal;
         devsim::PortLink link(path("term"));

@@ -275,6 +275,38 @@ private slots:
         QCOMPARE(service.stderrLines(), QStringList());
     }
 
+    void aLineThatBreaksIsNotAnUnplugAndKeepsItsRate() {
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(linkPath);
+        QVERIFY(link.plug(terminal));
+        ServiceProcess service;
+        service.set(QStringLiteral("BAUD_RATE"), QStringLiteral("38400"));
+        PosClient pos;
+        startWithUsb(service, pos, QStringLiteral("TS-132N"));
+        QVERIFY(waitUntil([&] { return holdsOpen(service.pid(), terminal.slavePath()); }, 2000));
+        QVERIFY(waitUntil([&] { return terminal.outputSpeed() == speed_t(B38400); }, 2000));
+
+        if (!terminal.hangUpLine())
+            QSKIP("hanging up a line needs CAP_SYS_ADMIN");
+        // The service's descriptor is dead now; the device is still there. A payment goes
+        // every 300 ms until one reaches the terminal.
+        QVERIFY(waitUntil(
+            [&] {
+                pos.send(frameWithData(QStringLiteral("payment"), "PAY"));
+                return terminal.waitForReceived(3, 300);
+            },
+            5000));
+        QVERIFY(terminal.received().startsWith("PAY"));
+        QCOMPARE(terminal.outputSpeed(), speed_t(B38400)); // the rate chosen, not 9600
+        terminal.write(ts132n("OK 38400"));
+        QVERIFY(waitUntil([&] { return !pos.texts.isEmpty(); }, 3000));
+        QCOMPARE(
+            pos.texts.first(),
+            QStringLiteral(R"({"response":{"data":"OK 38400"},"devicetype":"CAT","devicename":"TS-132N"})"));
+        QVERIFY(service.isRunning());
+        QCOMPARE(service.stderrLines(), QStringList());
+    }
+
     void printThatIsNotUtf8StopsTheServiceWhenAPortIsSet_data() {
         QTest::addColumn<QByteArray>("data");
         QTest::addColumn<QString>("reason");
