@@ -85,6 +85,9 @@ private slots:
         QTest::newRow("first reply: ACK, then the result") << QByteArray("\x06\x02"
                                                                          "ABOK\x03")
                                                            << QByteArray("first") << 1;
+        QTest::newRow("first reply: two ACKs, then the result") << QByteArray("\x06\x06\x02"
+                                                                              "ABOK\x03")
+                                                                << QByteArray("first") << 2;
         QTest::newRow("first reply: anything else, as it came")
             << QByteArray("FIRST") << QByteArray("first") << 5;
         QTest::newRow("KIS: ACK") << QByteArray("\x06"

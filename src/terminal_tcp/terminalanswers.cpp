@@ -3,7 +3,10 @@
 namespace TerminalAnswers {
 
 qsizetype firstReplyEnd(const QByteArray &gathered) {
-    return gathered.at(0) == ACK ? 1 : gathered.size();
+    qsizetype acknowledgement = 0;
+    while (acknowledgement < gathered.size() && gathered.at(acknowledgement) == ACK)
+        ++acknowledgement;
+    return acknowledgement > 0 ? acknowledgement : gathered.size();
 }
 
 qsizetype kisAnswerEnd(const QByteArray &gathered) {

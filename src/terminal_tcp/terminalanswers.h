@@ -24,7 +24,7 @@ constexpr int pieceGapMs = 300;
 using ReplyEnd = qsizetype (*)(const QByteArray &gathered);
 
 // A first reply after the request (KIS and SMARTRO), never examined: what the first read
-// brings, except that an ACK at its front is the acknowledgement alone and what follows it
+// brings, except that ACKs at its front are the acknowledgement alone and what follows them
 // is the start of the next reply.
 qsizetype firstReplyEnd(const QByteArray &gathered);
 // The KIS answer: an ACK at its front is only the acknowledgement; a result ends with ETX.
