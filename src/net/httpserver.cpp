@@ -16,6 +16,7 @@ namespace {
 constexpr qsizetype maxHeadSize = 64 * 1024;
 
 const char *const timerProperty = "handshakeTimer";
+const char *const continuedProperty = "askedForBody";
 
 struct ParsedHead {
     bool ok = false;
@@ -211,8 +212,9 @@ void HttpServer::answerPlainRequest(HttpConnection *socket, HttpRequest request,
     // A client that waits to be asked for its body (curl does for a chunked one) is asked
     // at once rather than after its own second of waiting.
     const auto askForBody = [socket, &request] {
-        if (request.header("expect").toLower() == "100-continue" && !socket->property("continued").toBool()) {
-            socket->setProperty("continued", true);
+        if (request.header("expect").toLower() == "100-continue" &&
+            !socket->property(continuedProperty).toBool()) {
+            socket->setProperty(continuedProperty, true);
             socket->write("HTTP/1.1 100 Continue\r\n\r\n");
         }
     };

@@ -30,6 +30,7 @@ bool SerialPort::open() {
 }
 
 void SerialPort::close() {
+    failed = false; // closed on purpose: no reopening after a broken line
     if (!line.isOpen())
         return;
     line.close();
@@ -83,9 +84,10 @@ void SerialPort::lineFailed(QSerialPort::SerialPortError error) {
     QMetaObject::invokeMethod(
         this,
         [this] {
-            if (!failed || removed)
+            if (!failed || removed || !line.isOpen())
                 return;
-            close();
+            line.close();
+            emit didClose();
             emit lineBroke();
         },
         Qt::QueuedConnection);
