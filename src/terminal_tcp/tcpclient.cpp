@@ -138,8 +138,17 @@ void TcpClient::onError(QAbstractSocket::SocketError error) {
     case Step::Reading:
     case Step::Gathering:
         // The terminal hung up or the connection broke: the read ends with whatever
-        // arrived before, or with nothing.
-        gather(false);
+        // arrived before, or with nothing. Not from inside the socket's own error report:
+        // the socket is half torn down there, and a step that writes (SMARTRO's
+        // acknowledgement) would write to a descriptor already gone. disconnected()
+        // normally comes first.
+        QMetaObject::invokeMethod(
+            this,
+            [this] {
+                if (step == Step::Reading || step == Step::Gathering)
+                    gather(false);
+            },
+            Qt::QueuedConnection);
         break;
     case Step::Closing:
         if (socket->state() == QAbstractSocket::UnconnectedState)
