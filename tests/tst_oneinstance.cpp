@@ -16,10 +16,8 @@ private slots:
         PosClient pos;
         QVERIFY(startAndConnect(service, pos));
         QByteArray out, err;
-        QElapsedTimer clock;
-        clock.start();
+        // It ends by itself with status 0, not by runToEnd's deadline (-1).
         QCOMPARE(service.runToEnd({"--headless"}, &out, &err), 0);
-        QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
         QVERIFY2(out.startsWith("Terano Counter is already running without a screen"), out.constData());
         QCOMPARE(out.count('\n'), 1);
         QCOMPARE(err, QByteArray());
