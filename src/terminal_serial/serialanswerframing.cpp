@@ -2,6 +2,7 @@
 
 #include "cp949.h"
 #include "fatal.h"
+#include "log.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
 #include "textform.h"
@@ -41,6 +42,10 @@ void SerialAnswerFraming::didReceiveData(const QByteArray &chunk) {
         deviceName = requiredSetting(deviceTypeKey);
         return *deviceName;
     });
+    if (result.outcome == Outcome::Overflowed)
+        logLine(QStringLiteral("serial answer discarded: more than %1 bytes without an end of text; "
+                               "waiting for the next start of text")
+                    .arg(maximumAnswerLength));
     if (result.outcome == Outcome::Answered)
         NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
                                                  responseFor(result.text, deviceName.value_or(QString())));
@@ -56,13 +61,23 @@ SerialAnswerFraming::Result SerialAnswerFraming::receive(const QByteArray &chunk
     if (chunk.isEmpty())
         return {Outcome::Collecting, {}};
 
-    if (chunk.front() == startOfText)
+    if (chunk.front() == startOfText) {
         buffer.clear();
-    buffer.append(chunk);
-
+        waitingForStart = false;
+    }
     // The model decides the cut; it is read for every chunk with bytes in it, so a
     // missing setting stops the service at the first byte, not only at an ETX.
     const QString model = deviceType();
+    if (waitingForStart)
+        return {Outcome::Discarded, {}};
+    // Checked before the bytes are kept, so the buffer never holds more than the limit.
+    if (buffer.size() + chunk.size() > maximumAnswerLength) {
+        buffer.clear(); // and its memory freed
+        waitingForStart = true;
+        return {Outcome::Overflowed, {}};
+    }
+    buffer.append(chunk);
+
     if (!chunk.contains(endOfText))
         return {Outcome::Collecting, {}};
 

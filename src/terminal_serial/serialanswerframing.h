@@ -14,13 +14,17 @@
 //  - the first ETX anywhere in a chunk ends the answer, even one inside the payload, and
 //    every byte of that chunk (a check byte behind the ETX too) is in the buffer when the
 //    model's framing bytes are cut, so the end cut counts from the last byte received;
-//  - an answer under 9 bytes, or one that is not code page 949, is dropped without a word.
+//  - an answer under 9 bytes, or one that is not code page 949, is dropped without a word;
+//  - no real answer comes near 64 KiB: a line that sends more than that without an ETX is
+//    broken or flooding, so what was kept is thrown away (the caller says so once) and
+//    nothing is kept again until a chunk starts with STX.
 // Knows nothing of serial ports, so it can be tested and fuzzed on plain bytes.
 class SerialAnswerFraming {
 public:
     static constexpr char startOfText = 0x02;
     static constexpr char endOfText = 0x03;
     static constexpr qsizetype minimumAnswerLength = 9;
+    static constexpr qsizetype maximumAnswerLength = 64 * 1024;
 
     // Bytes each terminal model wraps around its answer text.
     struct Trim {
@@ -36,6 +40,8 @@ public:
         TooShort,    // ETX seen, fewer than 9 bytes: dropped
         Undecodable, // ETX seen, the text is not code page 949: dropped
         Answered,    // ETX seen, `text` is the answer
+        Overflowed,  // past 64 KiB without an ETX: all of it thrown away, waiting for an STX
+        Discarded,   // thrown away unread: no STX since the overflow
     };
     struct Result {
         Outcome outcome = Outcome::Ignored;
@@ -70,4 +76,5 @@ private:
 
     SettingReader readSetting;
     QByteArray buffer;
+    bool waitingForStart = false; // after an overflow, until a chunk starts with STX
 };

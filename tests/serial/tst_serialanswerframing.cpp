@@ -4,6 +4,7 @@
 #include "notificationcenter.h"
 #include "notificationnames.h"
 #include "serialanswerframing.h"
+#include "stdoutcapture.h"
 
 #include <QtTest>
 
@@ -224,6 +225,55 @@ private slots:
         QCOMPARE(framing.receive(ts132n("OK"), "USB", model), (R{Outcome::Answered, "OK"}));
         QCOMPARE(framing.combinedATransactionData(), QByteArray());
         QVERIFY(posted.isEmpty()); // the bare step never posts
+    }
+
+    void anAnswerOf64KiBIsTakenWhole() {
+        Settings settings;
+        SerialAnswerFraming framing(settings.reader());
+        const QByteArray payload(SerialAnswerFraming::maximumAnswerLength - 8, 'A');
+        const QByteArray answer = ts132n(payload);
+        QCOMPARE(answer.size(), 64 * 1024);
+        for (qsizetype at = 0; at < answer.size(); at += 4096)
+            framing.didReceiveData(answer.mid(at, 4096));
+        QCOMPARE(posted.size(), 1);
+        QCOMPARE(posted[0].toMap().value("response").toMap().value("data"), QVariant(QString(payload)));
+    }
+
+    // A line that never sends an ETX must not grow the service for ever: past 64 KiB what was
+    // kept goes, the rest is not kept until a chunk starts with STX, and that answer arrives.
+    void moreThan64KiBWithoutAnEndIsThrownAwayUntilTheNextStart() {
+        SerialAnswerFraming framing([](const QString &) { return std::nullopt; });
+        const auto model = [] { return QStringLiteral("TS-132N"); };
+        using R = SerialAnswerFraming::Result;
+        const QByteArray block(4096, 'x');
+        QCOMPARE(framing.receive(hex("02") + block.mid(1), "USB", model), (R{Outcome::Collecting, {}}));
+        for (int i = 1; i < 16; ++i)
+            QCOMPARE(framing.receive(block, "USB", model), (R{Outcome::Collecting, {}}));
+        QCOMPARE(framing.combinedATransactionData().size(), 64 * 1024);
+        QCOMPARE(framing.receive("y", "USB", model), (R{Outcome::Overflowed, {}}));
+        QCOMPARE(framing.combinedATransactionData(), QByteArray());
+        for (int i = 0; i < 1000; ++i)
+            QCOMPARE(framing.receive(block, "USB", model), (R{Outcome::Discarded, {}}));
+        // The tail of the flood, ETX included, is not an answer.
+        QCOMPARE(framing.receive("tail" + hex("03") + "T2" + hex("03"), "USB", model),
+                 (R{Outcome::Discarded, {}}));
+        QCOMPARE(framing.combinedATransactionData(), QByteArray());
+        QCOMPARE(framing.receive(ts132n("OK"), "USB", model), (R{Outcome::Answered, "OK"}));
+    }
+
+    void anOverflowIsOneLine() {
+        Settings settings;
+        SerialAnswerFraming framing(settings.reader());
+        StdoutCapture output;
+        const QByteArray block(8192, 'x');
+        for (int i = 0; i < 40; ++i)
+            framing.didReceiveData(block);
+        framing.didReceiveData(ts132n("OK"));
+        QCOMPARE(output.lines(),
+                 QStringList{"serial answer discarded: more than 65536 bytes without an end of "
+                             "text; waiting for the next start of text"});
+        QCOMPARE(posted.size(), 1);
+        QCOMPARE(posted[0].toMap().value("response").toMap().value("data"), QVariant("OK"));
     }
 
     void theModelIsReadForEveryChunkWithBytes() {

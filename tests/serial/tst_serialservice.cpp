@@ -3,6 +3,7 @@
 // through TERANOCOUNTER_SERIAL_PORTS), the settings file, and what the process costs
 // while it waits for a terminal that is not plugged in.
 #include "posclient.h"
+#include "processusage.h"
 #include "pseudoterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
@@ -313,6 +314,50 @@ private slots:
         QCOMPARE(
             pos.texts.first(),
             QStringLiteral(R"({"response":{"data":"OK 38400"},"devicetype":"CAT","devicename":"TS-132N"})"));
+        QVERIFY(service.isRunning());
+        QCOMPARE(service.stderrLines(), QStringList());
+    }
+
+    // A line that sends without end (a broken adapter, a terminal stuck mid-transmit) costs
+    // the service its 64 KiB answer buffer at most, and the next real answer gets through.
+    void aFloodWithoutAnEndByteDoesNotGrowTheService() {
+        devsim::PseudoTerminal terminal;
+        devsim::PortLink link(linkPath);
+        QVERIFY(link.plug(terminal));
+        ServiceProcess service;
+        PosClient pos;
+        startWithUsb(service, pos, QStringLiteral("TS-132N"));
+        QVERIFY(waitUntil([&] { return holdsOpen(service.pid(), terminal.slavePath()); }, 2000));
+        pos.send(frameWithData(QStringLiteral("payment"), "PAY"));
+        QVERIFY(terminal.waitForReceived(3, 3000));
+        terminal.write(ts132n("BEFORE"));
+        QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 3000));
+
+        const qint64 residentBefore = ProcessUsage::residentKiB(service.pid());
+        const qint64 readBefore = ProcessUsage::bytesRead(service.pid());
+        constexpr qsizetype flood = 32 * 1024 * 1024;
+        const QByteArray block(1024 * 1024, 'x');
+        for (qsizetype sent = 0; sent < flood; sent += block.size())
+            QVERIFY(terminal.writeAll(block, 30000));
+        // Every byte of the flood has been read before the answer goes, so that the answer
+        // starts a chunk of its own.
+        QVERIFY(
+            waitUntil([&] { return ProcessUsage::bytesRead(service.pid()) - readBefore >= flood; }, 30000));
+        const qint64 residentAfter = ProcessUsage::residentKiB(service.pid());
+        qInfo("resident memory %lld KiB before 32 MiB without an end byte, %lld KiB after", residentBefore,
+              residentAfter);
+        QVERIFY2(residentAfter - residentBefore < 1024 + 64,
+                 qPrintable(QStringLiteral("grew by %1 KiB").arg(residentAfter - residentBefore)));
+
+        terminal.write(ts132n("AFTER"));
+        QVERIFY(waitUntil([&] { return pos.texts.size() == 2; }, 3000));
+        QCOMPARE(
+            pos.texts[1],
+            QStringLiteral(R"({"response":{"data":"AFTER"},"devicetype":"CAT","devicename":"TS-132N"})"));
+        QVERIFY(service.stdoutLines().contains("serial answer discarded: more than 65536 bytes without an "
+                                               "end of text; waiting for the next start of "
+                                               "text"));
+        QCOMPARE(service.stdoutLines().filter("serial answer discarded").size(), 1);
         QVERIFY(service.isRunning());
         QCOMPARE(service.stderrLines(), QStringList());
     }

@@ -41,14 +41,24 @@ using Outcome = SerialAnswerFraming::Outcome;
 // The rules as written, on std::string, kept apart from the class under test.
 struct Reference {
     std::string buffer;
+    bool skipping = false; // more than 64 KiB came without an ETX; until the next STX
 
     SerialAnswerFraming::Result feed(const std::string &chunk, bool usb, const QString &model) {
         if (!usb)
             return {Outcome::Ignored, {}};
         if (chunk.empty())
             return {Outcome::Collecting, {}};
-        if (chunk[0] == '\x02')
+        if (chunk[0] == '\x02') {
             buffer.clear();
+            skipping = false;
+        }
+        if (skipping)
+            return {Outcome::Discarded, {}};
+        if (buffer.size() + chunk.size() > 64 * 1024) {
+            buffer.clear();
+            skipping = true;
+            return {Outcome::Overflowed, {}};
+        }
         buffer += chunk;
         if (chunk.find('\x03') == std::string::npos)
             return {Outcome::Collecting, {}};
