@@ -20,6 +20,10 @@ namespace {
 
 const QString usableAddress = QStringLiteral("10.77.0.1");
 const QString noCarrierAddress = QStringLiteral("10.77.1.1");
+// Two more hosts on the shop network, as seen from the service: the card terminal, and
+// another machine that is not one.
+const QString terminalAddress = QStringLiteral("10.77.0.2");
+const QString otherHostAddress = QStringLiteral("10.77.0.3");
 
 QString ip(const QStringList &arguments) {
     QProcess process;
@@ -39,12 +43,17 @@ QString linkState(const QString &ns, const QString &name) {
     return QString::fromLocal8Bit(process.readAllStandardOutput()).simplified();
 }
 
-bool answerReachesThePos(PosClient &pos, const QString &address, quint16 port) {
+bool answerReachesThePos(PosClient &pos, const QString &address, quint16 port, const QString &from = {}) {
     const qsizetype before = pos.texts.size();
-    devsim::AnswerCall terminal{QHostAddress(address), port,
+    devsim::AnswerCall terminal{QHostAddress(address),
+                                port,
                                 "\x02"
                                 "0123APPROVED\x03"
-                                "XY"};
+                                "XY",
+                                devsim::AnswerCall::Ending::WaitForListener,
+                                nullptr,
+                                {},
+                                from.isEmpty() ? QHostAddress() : QHostAddress(from)};
     return waitUntil([&] { return terminal.isConnected() && pos.texts.size() > before; }, 3000);
 }
 
@@ -78,6 +87,9 @@ private slots:
             {"-n", ns, "link", "set", "nocarrier0", "up"},
             {"-n", ns, "link", "add", "shop0", "type", "veth", "peer", "name", "shop1"},
             {"-n", ns, "addr", "add", usableAddress + "/24", "dev", "shop0"},
+            // Secondary addresses: the first one stays where the service listens.
+            {"-n", ns, "addr", "add", terminalAddress + "/24", "dev", "shop0"},
+            {"-n", ns, "addr", "add", otherHostAddress + "/24", "dev", "shop0"},
             {"-n", ns, "link", "set", "shop0", "up"},
             {"-n", ns, "link", "set", "shop1", "up"},
         };
@@ -125,6 +137,57 @@ private slots:
                          qPrintable(QStringLiteral("%1:%2 accepted").arg(other).arg(port)));
         QVERIFY(service.isRunning());
         QCOMPARE(service.stderrLines(), QStringList());
+    }
+
+    // A forged approval from another host on the shop network is refused unread; the
+    // terminal's own answer still reaches the POS.
+    void onlyTheTerminalMayAnswerWhenPeersAreSet() {
+        ServiceProcess service;
+        QCOMPARE(service.runToEnd({"--set", "MAIN_INTERFACE=TCP", "--set", "TCP_IP=" + terminalAddress,
+                                   "--set", "TERMINAL_ANSWER_PEERS=TCP_IP"}),
+                 0);
+        PosClient pos;
+        QVERIFY2(startAndConnect(service, pos), qPrintable(service.stderrLines().join(u'\n')));
+        pos.send(R"({"requesttype":"noop","van":"none","data":[]})");
+        QVERIFY(service.waitForStdoutLine(ServiceProcess::recvFired, 3000));
+
+        const QString refusedLine =
+            "terminal answer refused from " + otherHostAddress + ": not in TERMINAL_ANSWER_PEERS";
+        for (const quint16 port : {13189, 5501}) {
+            devsim::AnswerCall forged{QHostAddress(usableAddress),
+                                      port,
+                                      "\x02"
+                                      "0123\xc1\xa4\xbb\xf3\xbd\xc2\xc0\xce 99999999\x03"
+                                      "XY",
+                                      devsim::AnswerCall::Ending::WaitForListener,
+                                      nullptr,
+                                      {},
+                                      QHostAddress(otherHostAddress)};
+            QVERIFY(waitUntil([&] { return forged.isFinished(); }, 3000));
+            QVERIFY(forged.closedByListener());
+            // The terminal's answer after it arrives, and is the only one.
+            QVERIFY(answerReachesThePos(pos, usableAddress, port, terminalAddress));
+            QCOMPARE(pos.texts.size(), 1);
+            QCOMPARE(jsonObject(pos.texts.last()),
+                     expectedAnswer("APPROVED", port == 13189 ? "TS-132N:TS-167" : "SMT-T263"));
+            pos.texts.clear();
+        }
+        // One line for the host, not one per try; nothing of what it sent.
+        QCOMPARE(service.stdoutLines().filter("terminal answer refused"), QStringList{refusedLine});
+        QCOMPARE(service.stdoutLines().count("Client Comes!"), 1); // the terminal's call only
+        QVERIFY(service.isRunning());
+        QCOMPARE(service.stderrLines(), QStringList());
+    }
+
+    void withoutPeersAnyHostMayAnswerAsBefore() {
+        ServiceProcess service;
+        QCOMPARE(service.runToEnd({"--set", "MAIN_INTERFACE=TCP", "--set", "TCP_IP=" + terminalAddress}), 0);
+        PosClient pos;
+        QVERIFY(startAndConnect(service, pos));
+        pos.send(R"({"requesttype":"noop","van":"none","data":[]})");
+        QVERIFY(service.waitForStdoutLine(ServiceProcess::recvFired, 3000));
+        QVERIFY(answerReachesThePos(pos, usableAddress, 13189, otherHostAddress));
+        QCOMPARE(service.stdoutLines().filter("terminal answer refused"), QStringList());
     }
 
     void withNoUsableInterfaceTheServiceStopsAtLaunch() {

@@ -10,7 +10,7 @@ constexpr int listenerPatienceMs = 5000;
 } // namespace
 
 AnswerCall::AnswerCall(const QHostAddress &address, quint16 port, const QByteArray &bytes, Ending ending,
-                       QObject *parent, const Pieces &pieces)
+                       QObject *parent, const Pieces &pieces, const QHostAddress &from)
     : QObject(parent), to(QStringLiteral("%1:%2").arg(address.toString()).arg(port)), answer(bytes),
       ending(ending), pieces(pieces) {
     patience.setSingleShot(true);
@@ -41,6 +41,8 @@ AnswerCall::AnswerCall(const QHostAddress &address, quint16 port, const QByteArr
         emit failed(why);
         finish();
     });
+    if (!from.isNull())
+        socket.bind(from);
     socket.connectToHost(address, port);
 }
 

@@ -16,14 +16,16 @@ namespace devsim {
 // the listener lets go (hanging up itself if the listener holds on too long). A terminal
 // that misbehaves is an ending of the same call: one that hangs up as soon as its bytes are
 // out, or one that connects and never says anything. On a network that cuts the answer
-// up, it goes out in `pieces`.
+// up, it goes out in `pieces`. A call `from` an address of this machine leaves from that
+// address, as a terminal's comes from its own.
 class AnswerCall : public QObject {
     Q_OBJECT
 public:
     enum class Ending { WaitForListener, HangUpAfterSending, StaySilent };
 
     AnswerCall(const QHostAddress &address, quint16 port, const QByteArray &bytes,
-               Ending ending = Ending::WaitForListener, QObject *parent = nullptr, const Pieces &pieces = {});
+               Ending ending = Ending::WaitForListener, QObject *parent = nullptr, const Pieces &pieces = {},
+               const QHostAddress &from = {});
     ~AnswerCall() override;
 
     QString target() const { return to; }

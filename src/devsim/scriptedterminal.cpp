@@ -115,8 +115,14 @@ void ScriptedTerminal::advance(QTcpSocket *socket, qsizetype index) {
 }
 
 void ScriptedTerminal::startDelivery(const Step &step) {
+    // A terminal on an address of the shop network calls from that address, which is what
+    // TERMINAL_ANSWER_PEERS=TCP_IP expects; one on loopback or on every address leaves it to
+    // the routing table.
+    const QHostAddress own = server.serverAddress();
+    const bool fromOwnAddress = !own.isLoopback() && own != QHostAddress::Any &&
+                                own != QHostAddress::AnyIPv4 && own != QHostAddress::AnyIPv6;
     auto *call = new AnswerCall(step.address, step.port, step.bytes, AnswerCall::Ending::WaitForListener,
-                                this, step.pieces);
+                                this, step.pieces, fromOwnAddress ? own : QHostAddress());
     delivered.append(call);
     connect(call, &AnswerCall::pieceSent, this, [this, call](const QByteArray &piece) {
         note(QStringLiteral("answer to ") + call->target(), piece);

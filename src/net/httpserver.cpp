@@ -2,6 +2,7 @@
 
 #include "chunkedbody.h"
 #include "httpconnection.h"
+#include "keepaccepting.h"
 
 #include <QTcpSocket>
 #include <QTimer>
@@ -82,6 +83,7 @@ HttpServer::HttpServer(const QString &serverName, QObject *parent)
     : QObject(parent), tcpServer(new HttpConnectionServer(this)),
       webSocketServer(new QWebSocketServer(serverName, QWebSocketServer::NonSecureMode, this)) {
     connect(tcpServer, &QTcpServer::newConnection, this, &HttpServer::acceptPending);
+    new KeepAccepting(tcpServer, QStringLiteral("WebSocket server"));
     connect(webSocketServer, &QWebSocketServer::newConnection, this, &HttpServer::takeUpgraded);
 }
 

@@ -20,6 +20,7 @@
 #include <QSystemTrayIcon>
 #include <cstdio>
 #include <cstdlib>
+#include <sys/resource.h>
 
 namespace {
 
@@ -111,6 +112,18 @@ void ensureRuntimeDirectory() {
         qputenv("XDG_RUNTIME_DIR", path);
 }
 
+// The usual soft limit of 1024 descriptors is a leftover of select(); the event loop polls
+// and has no use for it. Each POS, answer and printer connection takes one, so the service
+// takes all the kernel lets it have: a flood of idle connections then runs into the hard
+// limit much later, if ever.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 bool haveDisplay() {
     return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
 }
@@ -138,6 +151,7 @@ int runTeranoCounter(int argc, char **argv) {
     if (line.listPending)
         return runPendingChores(line);
 
+    raiseDescriptorLimit();
     const bool offscreen = line.headless || !haveDisplay();
     if (offscreen) {
         qputenv("QT_QPA_PLATFORM", "offscreen");

@@ -1,5 +1,6 @@
 #include "tcpviewcontroller.h"
 
+#include "answerpeers.h"
 #include "cp949.h"
 #include "fatal.h"
 #include "ipv4rule.h"
@@ -36,6 +37,7 @@ void TCPViewController::viewDidLoad() {
         NotificationName::TCPcontrol, nullptr,
         [this](const QVariant &object) { notificationHandler(object); });
 
+    AnswerPeers::reportInvalidEntries();
     kicc = startListener(kiccAnswerPort, Vendor::KICC, TerminalDeviceName::KICC, false, kiccLabel);
     smartro =
         startListener(smartroAnswerPort, Vendor::SMARTRO, TerminalDeviceName::SMARTRO, true, smartroLabel);
@@ -61,7 +63,7 @@ TerminalListener *TCPViewController::startListener(quint16 port, const QString &
     if (addresses.isEmpty())
         fatalStop(
             QStringLiteral("no network interface is up to take card terminal answers on port %1").arg(port));
-    auto *listener = new TerminalListener(deviceName, announcesClients, this);
+    auto *listener = new TerminalListener(vendor, deviceName, announcesClients, this);
     if (!listener->listen(QHostAddress(addresses.first()), port)) {
         logLine(singleLine(QStringLiteral("%1 answer listener could not start on %2 port %3: %4")
                                .arg(vendor, addresses.first())

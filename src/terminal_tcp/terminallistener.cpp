@@ -1,18 +1,24 @@
 #include "terminallistener.h"
 
+#include "answerpeers.h"
 #include "cp949.h"
+#include "keepaccepting.h"
 #include "log.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
 #include "tcpclient.h"
 #include "terminalanswers.h"
 #include "terminalresponse.h"
+#include "vendorsenders.h"
 
+#include <QElapsedTimer>
 #include <QTcpSocket>
 
-TerminalListener::TerminalListener(const QString &deviceName, bool announcesClients, QObject *parent)
+TerminalListener::TerminalListener(const QString &vendor, const QString &deviceName, bool announcesClients,
+                                   QObject *parent)
     : QObject(parent), deviceName(deviceName), announcesClients(announcesClients) {
     connect(&server, &QTcpServer::newConnection, this, &TerminalListener::acceptPending);
+    new KeepAccepting(&server, QStringLiteral("%1 answer listener").arg(vendor));
 }
 
 bool TerminalListener::listen(const QHostAddress &address, quint16 port) {
@@ -29,8 +35,34 @@ void TerminalListener::answerArrived(const QByteArray &frame) const {
                                              terminalResponse(*text, deviceName));
 }
 
+bool TerminalListener::refused(QTcpSocket *socket) const {
+    const std::optional<AnswerPeers> peers = AnswerPeers::fromSettings();
+    if (!peers || peers->allows(socket->peerAddress(), VendorSenders::terminalAddress()))
+        return false;
+    // One table for both listeners: an address is named once a minute, whichever it tried.
+    static RefusedPeers refusedPeers;
+    static const QElapsedTimer clock = [] {
+        QElapsedTimer started;
+        started.start();
+        return started;
+    }();
+    QHostAddress peer = socket->peerAddress();
+    bool mapped = false;
+    if (const quint32 v4 = peer.toIPv4Address(&mapped); mapped)
+        peer = QHostAddress(v4);
+    if (refusedPeers.note(peer.toString(), clock.elapsed()))
+        logLine(QStringLiteral("terminal answer refused from %1: not in %2")
+                    .arg(peer.toString(), AnswerPeers::settingKey));
+    return true;
+}
+
 void TerminalListener::acceptPending() {
     while (QTcpSocket *socket = server.nextPendingConnection()) {
+        if (refused(socket)) {
+            socket->abort();
+            socket->deleteLater();
+            continue;
+        }
         if (announcesClients)
             logLine(QStringLiteral("Client Comes!"));
         // The answer may come in pieces; it is read until its frame is whole (or the

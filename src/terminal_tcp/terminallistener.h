@@ -5,6 +5,8 @@
 #include <QString>
 #include <QTcpServer>
 
+class QTcpSocket;
+
 // Takes the answers that a KICC or SMARTRO terminal delivers on a connection of its own.
 // Each connection carries one answer: up to 1024 bytes, of which the first 5 and the last
 // 3 are the terminal's framing, gathered from as many pieces as the network cuts it into. The text between
@@ -18,7 +20,9 @@ public:
     // A connection that has said nothing by then is closed without an answer.
     static constexpr int silentConnectionLimitMs = 60'000;
 
-    TerminalListener(const QString &deviceName, bool announcesClients, QObject *parent = nullptr);
+    // `vendor` names the listener in its lines ("KICC answer listener on port 13189 ...").
+    TerminalListener(const QString &vendor, const QString &deviceName, bool announcesClients,
+                     QObject *parent = nullptr);
 
     bool listen(const QHostAddress &address, quint16 port);
     QString errorString() const { return server.errorString(); }
@@ -27,6 +31,8 @@ public:
 
 private:
     void acceptPending();
+    // With TERMINAL_ANSWER_PEERS set, a connection from anyone else is closed unread.
+    bool refused(QTcpSocket *socket) const;
     void answerArrived(const QByteArray &frame) const;
 
     QTcpServer server;

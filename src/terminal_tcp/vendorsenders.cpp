@@ -16,13 +16,6 @@
 
 namespace {
 
-std::optional<QHostAddress> terminalAddress() {
-    const std::optional<QString> ip = UserDefaults::standard().string(QStringLiteral("TCP_IP"));
-    if (!ip || !matchesIPv4Rule(*ip))
-        return std::nullopt;
-    return QHostAddress(*ip);
-}
-
 void postAnswer(const QByteArray &bytes, const QString &deviceName) {
     const std::optional<QString> text = cp949::decode(bytes);
     if (!text) {
@@ -182,4 +175,11 @@ void VendorSenders::sendSMARTRO(const QByteArray &bytes, const QString &) const 
     if (!address)
         return;
     (new SmartroExchange(Vendor::SMARTRO, *address, ports.smartro, bytes, timings))->start();
+}
+
+std::optional<QHostAddress> VendorSenders::terminalAddress() {
+    const std::optional<QString> ip = UserDefaults::standard().string(QStringLiteral("TCP_IP"));
+    if (!ip || !matchesIPv4Rule(*ip))
+        return std::nullopt;
+    return QHostAddress(*ip);
 }

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHostAddress>
 #include <QString>
+#include <optional>
 
 // The three card-terminal vendors, in the order the settings page lists them.
 namespace Vendor {
@@ -40,6 +42,10 @@ struct ExchangeTimings {
 class VendorSenders {
 public:
     static constexpr qint64 readLimit = 10240;
+
+    // The terminal's address as the settings have it now; nothing when TCP_IP is missing or
+    // not a dotted IPv4 address.
+    static std::optional<QHostAddress> terminalAddress();
 
     explicit VendorSenders(VendorPorts ports = {}, ExchangeTimings timings = {})
         : ports(ports), timings(timings) {}

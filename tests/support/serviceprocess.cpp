@@ -3,6 +3,7 @@
 #include "wait.h"
 
 #include <QTcpSocket>
+#include <sys/resource.h>
 
 ServiceProcess::ServiceProcess() {
     process.setProcessChannelMode(QProcess::SeparateChannels);
@@ -75,6 +76,12 @@ bool ServiceProcess::launch(const QStringList &arguments, bool expectGateway) {
     outBuffer.clear();
     errBuffer.clear();
     process.setProcessEnvironment(environment());
+    if (softDescriptorLimit > 0) {
+        const rlimit limit{softDescriptorLimit, hardDescriptorLimit};
+        process.setChildProcessModifier([limit] { setrlimit(RLIMIT_NOFILE, &limit); });
+    } else {
+        process.setChildProcessModifier({});
+    }
     process.start(QStringLiteral(TERANOCOUNTER_BIN), arguments);
     if (!process.waitForStarted(10000))
         return false;

@@ -36,6 +36,10 @@ public:
     // Set for every run on top of the temporary HOME (a DISPLAY, XDG_CONFIG_DIRS). Empty
     // by default: the service then runs as a supervisor without a screen starts it.
     QProcessEnvironment extraEnvironment;
+    // The service's soft and hard descriptor limits, as `prlimit --nofile=SOFT:HARD` would
+    // set them; 0 leaves this process's own.
+    quint64 softDescriptorLimit = 0;
+    quint64 hardDescriptorLimit = 0;
     bool waitForExit(int timeoutMs);
     // SIGKILL, as a crash or the OOM killer would end it; the next start() begins afresh
     // with the same HOME.
