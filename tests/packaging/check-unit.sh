@@ -7,6 +7,12 @@ unit="$1"
 binary="$2"
 
 grep -qx 'Restart=on-failure' "$unit" || { echo "unit does not restart on failure"; exit 1; }
+# systemd must never give up on a crash loop: no start limit, in the [Unit] section where
+# systemd reads it, and a delay between starts that keeps such a loop cheap.
+unit_section="$(sed -n '/^\[Unit\]/,/^\[/p' "$unit")"
+grep -qx 'StartLimitIntervalSec=0' <<<"$unit_section" || { echo "unit keeps systemd's start limit"; exit 1; }
+delay="$(sed -n 's/^RestartSec=//p' "$unit")"
+[[ "$delay" =~ ^[0-9]+$ ]] && ((delay >= 1 && delay <= 5)) || { echo "RestartSec=$delay: want 1 to 5 s"; exit 1; }
 exec_line="$(grep '^ExecStart=' "$unit")"
 [[ "$exec_line" == *"/teranocounter --headless" ]] || { echo "unexpected $exec_line"; exit 1; }
 
