@@ -63,6 +63,44 @@ private slots:
         QVERIFY(slash.originsToAllow.isEmpty());
         QVERIFY(!parseCommandLine({"teranocounter", "--allow-origin", "pos.example"}).error.isEmpty());
     }
+
+    void anOriginListIsCheckedEntryByEntry() {
+        const CommandLine slash = parseCommandLine(
+            {"teranocounter", "--set", "WEBSOCKET_ALLOWED_ORIGINS=http://pos.example,http://x/"});
+        QVERIFY2(slash.error.startsWith("--set WEBSOCKET_ALLOWED_ORIGINS: "), qPrintable(slash.error));
+        QVERIFY(slash.error.contains("http://x/"));
+        QVERIFY(slash.settingsToWrite.isEmpty());
+        QVERIFY(!parseCommandLine({"teranocounter", "--set", "WEBSOCKET_ALLOWED_ORIGINS=HTTP://POS.EXAMPLE"})
+                     .error.isEmpty());
+        QVERIFY(
+            !parseCommandLine({"teranocounter", "--set", "WEBSOCKET_ALLOWED_ORIGINS=http://pos.example:80"})
+                 .error.isEmpty());
+        const CommandLine fine =
+            parseCommandLine({"teranocounter", "--set",
+                              "WEBSOCKET_ALLOWED_ORIGINS= http://pos.example , https://a.example:8443,"});
+        QVERIFY(fine.error.isEmpty());
+        QVERIFY(fine.warnings.isEmpty());
+        QCOMPARE(fine.settingsToWrite.size(), 1);
+        // Blank clears the list, as before; other keys are not origins.
+        QVERIFY(parseCommandLine({"teranocounter", "--set", "WEBSOCKET_ALLOWED_ORIGINS="}).error.isEmpty());
+        QVERIFY(parseCommandLine({"teranocounter", "--set", "TCP_IP=http://x/"}).error.isEmpty());
+    }
+
+    void nullIsTakenWithAWarning() {
+        const QString warning = QStringLiteral(
+            "WEBSOCKET_ALLOWED_ORIGINS lists null: local files and the sandboxed frames of any site send the "
+            "origin null, so a page of any site can connect");
+        const CommandLine allow = parseCommandLine({"teranocounter", "--allow-origin", "null"});
+        QVERIFY(allow.error.isEmpty());
+        QCOMPARE(allow.originsToAllow, QStringList{"null"});
+        QCOMPARE(allow.warnings, QStringList{warning});
+        const CommandLine set =
+            parseCommandLine({"teranocounter", "--set", "WEBSOCKET_ALLOWED_ORIGINS=null,http://pos.example"});
+        QVERIFY(set.error.isEmpty());
+        QCOMPARE(set.warnings, QStringList{warning});
+        QVERIFY(
+            parseCommandLine({"teranocounter", "--allow-origin", "http://pos.example"}).warnings.isEmpty());
+    }
 };
 
 QTEST_APPLESS_MAIN(CommandLineTest)

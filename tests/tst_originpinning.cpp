@@ -106,6 +106,26 @@ private slots:
         QVERIFY(!settingsText(service).contains(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS")));
     }
 
+    void originsThatNoBrowserSendsAreRefusedAndNullIsWarnedOf() {
+        ServiceProcess service;
+        QByteArray out, err;
+        QCOMPARE(service.runToEnd({"--set", "WEBSOCKET_ALLOWED_ORIGINS=http://x/"}, &out, &err), 2);
+        QVERIFY2(err.startsWith("teranocounter: --set WEBSOCKET_ALLOWED_ORIGINS: ") && err.count('\n') == 1,
+                 err.constData());
+        QVERIFY(!settingsText(service).contains(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS")));
+
+        const QByteArray warning =
+            "teranocounter: warning: WEBSOCKET_ALLOWED_ORIGINS lists null: local files and "
+            "the sandboxed frames of any site send the origin null, so a page of any site "
+            "can connect\n";
+        QCOMPARE(service.runToEnd({"--allow-origin", "null"}, &out, &err), 0);
+        QCOMPARE(err, warning);
+        QCOMPARE(out, QByteArray("WEBSOCKET_ALLOWED_ORIGINS=null\n"));
+        QVERIFY(service.start());
+        QVERIFY(service.waitForStdoutLine(QString::fromUtf8(warning.mid(24).chopped(1)), 3000));
+        QCOMPARE(service.stderrLines(), QStringList());
+    }
+
     void pinFirstOriginPinsTheFirstPageAndKeepsItAcrossARestart() {
         ServiceProcess service;
         service.set(QStringLiteral("WEBSOCKET_PIN_FIRST_ORIGIN"), QStringLiteral("true"));

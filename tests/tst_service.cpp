@@ -8,7 +8,10 @@
 #include "switchedoffdevice.h"
 #include "wait.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
 #include <QTcpServer>
 #include <QtTest>
 
@@ -21,6 +24,47 @@ class ServiceTest : public QObject {
     Q_OBJECT
 private slots:
     void init() { QVERIFY2(!ServiceProcess::gatewayAcceptsConnections(), "port 49999 is already in use"); }
+
+    // A settings file that is not settings (binary garbage, a half-written copy) is kept
+    // aside for whoever can recover it, not rewritten with only the next key.
+    void settingsFileThatCannotBeReadIsKeptAsideNotRewritten() {
+        ServiceProcess service;
+        QVERIFY(QDir().mkpath(QFileInfo(service.settingsFile()).absolutePath()));
+        QByteArray garbage;
+        for (int i = 0; i < 256; ++i)
+            garbage.append(static_cast<char>((i * 37) % 256));
+        {
+            QFile damaged(service.settingsFile());
+            QVERIFY(damaged.open(QIODevice::WriteOnly));
+            damaged.write(garbage);
+        }
+        QByteArray out, err;
+        QCOMPARE(service.runToEnd({"--set", "MAIN_INTERFACE=TCP"}, &out, &err), 0);
+        const QDir folder(QFileInfo(service.settingsFile()).absolutePath());
+        const QStringList aside =
+            folder.entryList({QStringLiteral("teranocounter.conf.unreadable-*")}, QDir::Files);
+        QCOMPARE(aside.size(), 1);
+        QVERIFY2(QRegularExpression(QStringLiteral("^teranocounter\\.conf\\.unreadable-\\d{8}T\\d{6}Z$"))
+                     .match(aside.first())
+                     .hasMatch(),
+                 qPrintable(aside.first()));
+        QCOMPARE(QString::fromUtf8(out),
+                 QStringLiteral("settings file %1 cannot be read as settings: kept aside as "
+                                "%2; starting from the defaults\n")
+                     .arg(service.settingsFile(), folder.filePath(aside.first())));
+        QCOMPARE(err, QByteArray());
+        QFile kept(folder.filePath(aside.first()));
+        QVERIFY(kept.open(QIODevice::ReadOnly));
+        QCOMPARE(kept.readAll(), garbage);
+        QCOMPARE(service.runToEnd({"--settings"}, &out), 0);
+        QCOMPARE(out, QByteArray("MAIN_INTERFACE=TCP\n"));
+        // Private to the user, folder and file.
+        QCOMPARE(QFileInfo(folder.path()).permissions() & 0x0077, QFileDevice::Permissions()); // group, other
+        QCOMPARE(QFileInfo(service.settingsFile()).permissions() &
+                     (QFileDevice::ReadGroup | QFileDevice::ReadOther | QFileDevice::WriteGroup |
+                      QFileDevice::WriteOther),
+                 QFileDevice::Permissions());
+    }
 
     void kitchenOrderReachesThePrinterInCodePage949() {
         devsim::Printer printer;

@@ -1,8 +1,22 @@
 #include "userdefaults.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <sys/stat.h>
+
+namespace {
+
+int modeOf(const QString &path) {
+    struct stat info {};
+    if (stat(QFile::encodeName(path).constData(), &info) != 0)
+        return -1;
+    return static_cast<int>(info.st_mode & 07777);
+}
+
+} // namespace
 
 class UserDefaultsTest : public QObject {
     Q_OBJECT
@@ -52,6 +66,41 @@ private slots:
         UserDefaults::standard().remove(QStringLiteral("TCP_IP"));
         QVERIFY(!UserDefaults::standard().value(QStringLiteral("TCP_IP")));
         QVERIFY(!UserDefaults::standard().keys().contains(QStringLiteral("TCP_IP")));
+    }
+
+    void folderAndFileArePrivateToTheUser() {
+        const QString file = UserDefaults::standard().fileName();
+        const QString folder = QFileInfo(file).absolutePath();
+        // As an earlier release left them.
+        QVERIFY(QFile::setPermissions(folder, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                                  QFileDevice::ExeOwner | QFileDevice::ReadGroup |
+                                                  QFileDevice::ExeGroup | QFileDevice::ReadOther |
+                                                  QFileDevice::ExeOther));
+        UserDefaults::standard().setValue(QStringLiteral("TCP_IP"), QStringLiteral("192.168.0.7"));
+        QVERIFY(QFile::setPermissions(file, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                                QFileDevice::ReadGroup | QFileDevice::ReadOther));
+        UserDefaults::standard().setValue(QStringLiteral("TCP_IP"), QStringLiteral("192.168.0.8"));
+        QCOMPARE(modeOf(folder), 0700);
+        QCOMPARE(modeOf(file), 0600);
+    }
+
+    // Only a file that is not settings at all is kept aside: whatever an editor leaves in
+    // one that is stays where it is.
+    void handEditedFileIsReadWhereItIs() {
+        const QString file = UserDefaults::standard().fileName();
+        {
+            QFile edited(file);
+            QVERIFY(edited.open(QIODevice::WriteOnly | QIODevice::Truncate));
+            edited.write(
+                "\xef\xbb\xbf; the shop's counter\r\n[General]\r\n\r\n# terminal\r\nTCP_IP=192.168.0.9\r\n"
+                "KITCHEN_ALLOWED_PRINTERS=192.168.0.50, \\\r\n  192.168.0.51\r\n");
+            QVERIFY(edited.setFileTime(QDateTime::currentDateTime().addSecs(20),
+                                       QFileDevice::FileModificationTime));
+        }
+        QCOMPARE(UserDefaults::standard().string(QStringLiteral("TCP_IP")),
+                 std::optional<QString>(QStringLiteral("192.168.0.9")));
+        QCOMPARE(QDir(QFileInfo(file).absolutePath()).entryList({QStringLiteral("*.unreadable-*")}),
+                 QStringList());
     }
 
     void listReadsCommaTextAndHandEditedLists() {

@@ -1,20 +1,92 @@
 #include "userdefaults.h"
 
+#include "log.h"
+#include "textform.h"
+
+#include <QDateTime>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QMutexLocker>
 #include <QSettings>
+#include <cerrno>
 #include <memory>
 #include <sys/stat.h>
 
 namespace {
 
-// A QSettings object is not meant to be shared between threads, so each use makes its
-// own; Qt shares the parsed file between them and sync() re-reads it when it changed.
-std::unique_ptr<QSettings> open() {
+std::unique_ptr<QSettings> openAsIs() {
     auto settings =
         std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
                                     QStringLiteral("teranocounter"), QStringLiteral("teranocounter"));
     settings->sync();
+    return settings;
+}
+
+// The settings hold the terminal's address and who may talk to the service: only the user
+// may read or change them. A folder and file made before this was so are made private too.
+void makePrivate(const QString &file) {
+    const QByteArray folder = QFile::encodeName(QFileInfo(file).absolutePath());
+    if (::mkdir(folder.constData(), 0700) != 0 && errno == ENOENT) {
+        QDir().mkpath(QFileInfo(QFileInfo(file).absolutePath()).absolutePath());
+        ::mkdir(folder.constData(), 0700);
+    }
+    ::chmod(folder.constData(), 0700);
+    ::chmod(QFile::encodeName(file).constData(), 0600);
+}
+
+// Whether the file holds settings as an INI file does: UTF-8 text of section headers,
+// comments and KEY=VALUE lines (a line ending in a backslash goes on in the next). QSettings
+// says so itself only the first time a process reads a file, so the bytes are looked at
+// here. A missing or empty file is fine: it is the defaults.
+bool readableAsSettings(const QString &file) {
+    QFile in(file);
+    if (!in.exists() || !in.open(QIODevice::ReadOnly))
+        return true; // nothing to lose; QSettings reports what it cannot open
+    QByteArray bytes = in.readAll();
+    if (bytes.startsWith("\xef\xbb\xbf")) // an editor's byte order mark
+        bytes.remove(0, 3);
+    if (bytes.contains('\0') || !strictUtf8(bytes))
+        return false;
+    bool continued = false;
+    for (const QByteArray &raw : bytes.split('\n')) {
+        const QByteArray line = raw.trimmed();
+        const bool wasContinued = continued;
+        continued = line.endsWith('\\');
+        if (wasContinued || line.isEmpty() || line.startsWith(';') || line.startsWith('#') ||
+            line.contains('='))
+            continue;
+        if (line.startsWith('[') && line.endsWith(']'))
+            continue;
+        return false;
+    }
+    return true;
+}
+
+// A file that is not settings at all (binary garbage, a half-written copy) would be
+// rewritten with only the next key, losing whatever the owner could still recover from it.
+// It is kept aside under a name of its own instead, with one line, and the service goes
+// on from the defaults.
+void setAsideUnreadable(const QString &file) {
+    const QString aside = file + QStringLiteral(".unreadable-") +
+                          QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd'T'HHmmss'Z'"));
+    if (QFile::rename(file, aside))
+        logLine(singleLine(QStringLiteral("settings file %1 cannot be read as settings: kept aside as %2; "
+                                          "starting from the defaults")
+                               .arg(file, aside)));
+}
+
+// A QSettings object is not meant to be shared between threads, so each use makes its
+// own; Qt shares the parsed file between them and sync() re-reads it when it changed.
+std::unique_ptr<QSettings> open() {
+    static QMutex checking;
+    QMutexLocker lock(&checking);
+    auto settings = openAsIs();
+    makePrivate(settings->fileName());
+    if (!readableAsSettings(settings->fileName())) {
+        setAsideUnreadable(settings->fileName());
+        settings = openAsIs();
+    }
     return settings;
 }
 
@@ -122,6 +194,7 @@ void UserDefaults::setValue(const QString &key, const QVariant &value) {
     const auto settings = open();
     settings->setValue(key, value);
     settings->sync();
+    makePrivate(settings->fileName());
     forget();
 }
 
@@ -129,6 +202,7 @@ void UserDefaults::remove(const QString &key) {
     const auto settings = open();
     settings->remove(key);
     settings->sync();
+    makePrivate(settings->fileName());
     forget();
 }
 

@@ -1,5 +1,6 @@
 #include "originpolicy.h"
 
+#include "log.h"
 #include "userdefaults.h"
 
 #include <QUrl>
@@ -32,6 +33,11 @@ bool allowOrigin(const QString &origin) {
 
 void clearAllowedOrigins() {
     UserDefaults::standard().remove(allowedKey);
+}
+
+void reportNullEntry() {
+    if (allowedOrigins().contains(QLatin1String("null")))
+        logLine(nullWarning);
 }
 
 std::optional<QString> originProblem(const QString &text) {

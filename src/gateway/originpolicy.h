@@ -32,4 +32,12 @@ void clearAllowedOrigins();
 // with no path (and "null" for a local file or a sandboxed frame).
 std::optional<QString> originProblem(const QString &text);
 
+// What to say when "null" is let in: every site can make a page that sends it.
+inline const QString nullWarning =
+    QStringLiteral("%1 lists null: local files and the sandboxed frames of any site send the origin null, "
+                   "so a page of any site can connect")
+        .arg(allowedKey);
+// At start: the warning above, once, when the list has "null".
+void reportNullEntry();
+
 } // namespace OriginPolicy

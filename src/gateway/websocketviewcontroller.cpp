@@ -123,6 +123,7 @@ void WebSocketViewController::viewDidLoad() {
     if (holdUndeliveredAnswers())
         PendingStore::shared();
     PrinterAllowList::reportInvalidEntries();
+    OriginPolicy::reportNullEntry();
     startWebSocketServer();
     showOriginState();
     showRefusedOrigins();

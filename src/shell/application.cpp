@@ -142,6 +142,8 @@ int runTeranoCounter(int argc, char **argv) {
         printLine(stderr, QStringLiteral("teranocounter: ") + line.error);
         return 2;
     }
+    for (const QString &warning : line.warnings)
+        printLine(stderr, QStringLiteral("teranocounter: warning: ") + warning);
     if (line.help) {
         std::fputs(usageText().toUtf8().constData(), stdout);
         return 0;

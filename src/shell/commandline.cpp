@@ -32,7 +32,23 @@ CommandLine parseCommandLine(const QStringList &arguments) {
                 line.error = QStringLiteral("--set needs KEY=VALUE, got \"%1\"").arg(assignment);
                 return line;
             }
-            line.settingsToWrite.append({assignment.left(equals), assignment.mid(equals + 1)});
+            const QString key = assignment.left(equals);
+            const QString value = assignment.mid(equals + 1);
+            // An origin list is checked as --allow-origin checks one origin: an entry no
+            // browser sends would lock out the POS without a word.
+            if (key == OriginPolicy::allowedKey)
+                for (const QString &entry : value.split(u',')) {
+                    if (entry.trimmed().isEmpty())
+                        continue;
+                    if (const std::optional<QString> problem = OriginPolicy::originProblem(entry.trimmed())) {
+                        line.error = QStringLiteral("--set %1: %2").arg(key, *problem);
+                        return line;
+                    }
+                    if (entry.trimmed() == QLatin1String("null") &&
+                        !line.warnings.contains(OriginPolicy::nullWarning))
+                        line.warnings << OriginPolicy::nullWarning;
+                }
+            line.settingsToWrite.append({key, value});
         } else if (argument == QLatin1String("--allow-origin") ||
                    argument.startsWith(QLatin1String("--allow-origin="))) {
             QString origin;
@@ -51,6 +67,8 @@ CommandLine parseCommandLine(const QStringList &arguments) {
                     line.error = QStringLiteral("--allow-origin: ") + *problem;
                     return line;
                 }
+            if (origin == QLatin1String("null") && !line.warnings.contains(OriginPolicy::nullWarning))
+                line.warnings << OriginPolicy::nullWarning;
             line.originsToAllow << origin;
         } else {
             line.error = QStringLiteral("unknown argument \"%1\" (try --help)").arg(argument);

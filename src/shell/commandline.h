@@ -13,6 +13,7 @@ struct CommandLine {
     bool clearPending = false;                      // --pending --clear
     QList<QPair<QString, QString>> settingsToWrite; // from --set KEY=VALUE, in order
     QStringList originsToAllow;                     // from --allow-origin, in order; "" clears the list
+    QStringList warnings;                           // said on standard error; the command still runs
     QString error;                                  // non-empty when the arguments cannot be used
 };
 
