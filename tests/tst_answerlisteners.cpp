@@ -190,6 +190,36 @@ private slots:
         QCOMPARE(service.stdoutLines().filter("terminal answer refused"), QStringList());
     }
 
+    void lockDownWritesTheProtectionsWithThisNetworkForPrinters() {
+        ServiceProcess service;
+        QByteArray out, err;
+        QCOMPARE(service.runToEnd({"--lock-down"}, &out, &err), 0);
+        // The network of the interface that is up; not loopback, not the one without carrier.
+        QCOMPARE(QString::fromUtf8(out), QStringLiteral("WEBSOCKET_PIN_FIRST_ORIGIN=true\n"
+                                                        "TERMINAL_ANSWER_PEERS=TCP_IP\n"
+                                                        "KITCHEN_ALLOWED_PRINTERS=10.77.0.0/24\n"
+                                                        "HOLD_UNDELIVERED_ANSWERS=true\n"
+                                                        "KITCHEN_RETRY_MINUTES=10\n"));
+        QCOMPARE(err, QByteArray());
+        QCOMPARE(service.runToEnd({"--settings"}, &out), 0);
+        QCOMPARE(out, QByteArray("HOLD_UNDELIVERED_ANSWERS=true\nKITCHEN_ALLOWED_PRINTERS=10.77.0.0/24\n"
+                                 "KITCHEN_RETRY_MINUTES=10\nTERMINAL_ANSWER_PEERS=TCP_IP\n"
+                                 "WEBSOCKET_PIN_FIRST_ORIGIN=true\n"));
+
+        // What the owner chose already is kept.
+        ServiceProcess chosen;
+        QCOMPARE(
+            chosen.runToEnd({"--allow-origin", "http://pos.local", "--set",
+                             "KITCHEN_ALLOWED_PRINTERS=10.77.0.50", "--set", "KITCHEN_RETRY_MINUTES=30"}),
+            0);
+        QCOMPARE(chosen.runToEnd({"--lock-down"}, &out), 0);
+        QCOMPARE(out, QByteArray("TERMINAL_ANSWER_PEERS=TCP_IP\nHOLD_UNDELIVERED_ANSWERS=true\n"));
+        QCOMPARE(chosen.runToEnd({"--settings"}, &out), 0);
+        QCOMPARE(out, QByteArray("HOLD_UNDELIVERED_ANSWERS=true\nKITCHEN_ALLOWED_PRINTERS=10.77.0.50\n"
+                                 "KITCHEN_RETRY_MINUTES=30\nTERMINAL_ANSWER_PEERS=TCP_IP\n"
+                                 "WEBSOCKET_ALLOWED_ORIGINS=http://pos.local\n"));
+    }
+
     void withNoUsableInterfaceTheServiceStopsAtLaunch() {
         QVERIFY(ip({"-n", ns, "link", "set", "shop1", "down"}).isEmpty()); // shop0 loses its carrier
         QVERIFY(waitUntil([&] { return linkState(ns, "shop0").contains("NO-CARRIER"); }, 5000));

@@ -47,6 +47,43 @@ private slots:
         UserDefaults::standard().remove(allowedKey);
     }
 
+    void protectionsAreShownAndTheButtonTurnsThemOn() {
+        const QStringList keys{"WEBSOCKET_PIN_FIRST_ORIGIN", "TERMINAL_ANSWER_PEERS",
+                               "KITCHEN_ALLOWED_PRINTERS", "HOLD_UNDELIVERED_ANSWERS",
+                               "KITCHEN_RETRY_MINUTES"};
+        for (const QString &key : keys)
+            UserDefaults::standard().remove(key);
+        page->appear();
+        QCOMPARE(page->protectionsLabel()->text(),
+                 QStringLiteral("보호 설정 꺼짐: WEBSOCKET_ALLOWED_ORIGINS, TERMINAL_ANSWER_PEERS, "
+                                "KITCHEN_ALLOWED_PRINTERS, HOLD_UNDELIVERED_ANSWERS, KITCHEN_RETRY_MINUTES"));
+        QVERIFY(page->lockDownButton()->isEnabled());
+
+        // One turned on from a terminal is no longer listed once the page is shown again.
+        UserDefaults::standard().setValue("HOLD_UNDELIVERED_ANSWERS", "true");
+        page->appear();
+        QVERIFY(!page->protectionsLabel()->text().contains("HOLD_UNDELIVERED_ANSWERS"));
+
+        StdoutCapture output;
+        page->lockDownButton()->click();
+        QCOMPARE(page->protectionsLabel()->text(), QStringLiteral("보호 설정: 모두 켜짐"));
+        QVERIFY(!page->lockDownButton()->isEnabled());
+        QCOMPARE(UserDefaults::standard().string("WEBSOCKET_PIN_FIRST_ORIGIN"),
+                 std::optional<QString>("true"));
+        QCOMPARE(UserDefaults::standard().string("TERMINAL_ANSWER_PEERS"), std::optional<QString>("TCP_IP"));
+        QCOMPARE(UserDefaults::standard().string("KITCHEN_RETRY_MINUTES"), std::optional<QString>("10"));
+        const QStringList lines = output.lines();
+        QCOMPARE(lines.size(), 1);
+        QVERIFY2(lines.first().startsWith(
+                     "protections turned on from the popover: WEBSOCKET_PIN_FIRST_ORIGIN=true, "
+                     "TERMINAL_ANSWER_PEERS=TCP_IP, "),
+                 qPrintable(lines.first()));
+        QVERIFY2(lines.first().endsWith("HOLD_UNDELIVERED_ANSWERS=true, KITCHEN_RETRY_MINUTES=10"),
+                 qPrintable(lines.first()));
+        for (const QString &key : keys)
+            UserDefaults::standard().remove(key);
+    }
+
     void pinButtonWritesTheConnectedPosOriginAndClearOpensAgain() {
         QCOMPARE(page->posOriginLabel()->text(), QStringLiteral("POS Origin: 연결 없음"));
         QVERIFY(!page->pinOriginButton()->isEnabled());
@@ -101,9 +138,7 @@ private slots:
         QWebSocket terminalProgram;
         QVERIFY(connectPos(terminalProgram));
         QVERIFY(waitUntil(
-            [&] {
-                return page->posOriginLabel()->text() == QStringLiteral("POS Origin: no Origin header");
-            },
+            [&] { return page->posOriginLabel()->text() == QStringLiteral("POS Origin: no Origin header"); },
             3000));
         QVERIFY(!page->pinOriginButton()->isEnabled());
         QTest::mouseClick(page->pinOriginButton(), Qt::LeftButton);

@@ -198,6 +198,15 @@ void UserDefaults::setValue(const QString &key, const QVariant &value) {
     forget();
 }
 
+void UserDefaults::setValues(const QList<QPair<QString, QVariant>> &values) {
+    const auto settings = open();
+    for (const auto &[key, value] : values)
+        settings->setValue(key, value);
+    settings->sync();
+    makePrivate(settings->fileName());
+    forget();
+}
+
 void UserDefaults::remove(const QString &key) {
     const auto settings = open();
     settings->remove(key);

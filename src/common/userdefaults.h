@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QList>
+#include <QPair>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
@@ -24,6 +26,8 @@ public:
     // reads the same.
     std::optional<QStringList> list(const QString &key) const;
     void setValue(const QString &key, const QVariant &value);
+    // Several at once: the file is written once, with all of them or (on failure) none.
+    void setValues(const QList<QPair<QString, QVariant>> &values);
     void remove(const QString &key);
     QStringList keys() const;
     QString fileName() const;

@@ -264,8 +264,7 @@ void WebSocketViewController::deliverHeldAnswers(QWebSocket *socket) {
 }
 
 bool WebSocketViewController::holdUndeliveredAnswers() {
-    const std::optional<QString> hold =
-        UserDefaults::standard().string(QStringLiteral("HOLD_UNDELIVERED_ANSWERS"));
+    const std::optional<QString> hold = UserDefaults::standard().string(holdKey);
     return hold && hold->trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0;
 }
 

@@ -69,6 +69,7 @@ public:
 
     static inline const QString noOriginText = QStringLiteral("no Origin header");
 
+    static inline const QString holdKey = QStringLiteral("HOLD_UNDELIVERED_ANSWERS");
     // With HOLD_UNDELIVERED_ANSWERS, an answer that finds no POS waits this long at most.
     static constexpr qint64 heldAnswerLifetimeMs = 24LL * 60 * 60 * 1000;
     static bool holdUndeliveredAnswers();

@@ -11,12 +11,10 @@
 
 namespace {
 
-const QString retrySettingKey = QStringLiteral("KITCHEN_RETRY_MINUTES");
-
 enum class SettingState { Off, On, Invalid };
 
 SettingState readSetting(int *minutes, QString *raw) {
-    const std::optional<QVariant> value = UserDefaults::standard().value(retrySettingKey);
+    const std::optional<QVariant> value = UserDefaults::standard().value(KitchenRetryQueue::settingKey);
     if (!value)
         return SettingState::Off;
     *raw = textualForm(*value);
@@ -56,7 +54,7 @@ void KitchenRetryQueue::resumeAtStart() {
         logLine(
             singleLine(QStringLiteral("%1=%2 is not a whole number of minutes from 1 to %3: kitchen orders "
                                       "are not retried")
-                           .arg(retrySettingKey, raw)
+                           .arg(KitchenRetryQueue::settingKey, raw)
                            .arg(maximumMinutes)));
     if (state != SettingState::On)
         return;

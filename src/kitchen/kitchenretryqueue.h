@@ -18,6 +18,7 @@ class QTimer;
 // same printer go out in the order they came: a later one waits behind an earlier one.
 class KitchenRetryQueue : public QObject {
 public:
+    static inline const QString settingKey = QStringLiteral("KITCHEN_RETRY_MINUTES");
     static constexpr int firstRetryMs = 1000;
     static constexpr int longestRetryMs = 30'000;
     static constexpr int maximumMinutes = 1440;

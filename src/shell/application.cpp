@@ -3,6 +3,7 @@
 #include "appdelegate.h"
 #include "commandline.h"
 #include "kitchenretryqueue.h"
+#include "lockdown.h"
 #include "log.h"
 #include "notificationcenter.h"
 #include "notificationnames.h"
@@ -52,6 +53,9 @@ int runSettingsChores(const CommandLine &line) {
                                                   QStringLiteral(" is not set: every page may connect")
                                             : OriginPolicy::allowedKey + u'=' + allowed.join(u','));
     }
+    if (line.lockDown)
+        for (const LockDown::Setting &setting : LockDown::apply())
+            printLine(stdout, setting.first + u'=' + setting.second);
     if (line.printSettings) {
         QStringList keys = defaults.keys();
         keys.sort();
@@ -148,7 +152,8 @@ int runTeranoCounter(int argc, char **argv) {
         std::fputs(usageText().toUtf8().constData(), stdout);
         return 0;
     }
-    if (!line.settingsToWrite.isEmpty() || !line.originsToAllow.isEmpty() || line.printSettings)
+    if (!line.settingsToWrite.isEmpty() || !line.originsToAllow.isEmpty() || line.printSettings ||
+        line.lockDown)
         return runSettingsChores(line);
     if (line.listPending)
         return runPendingChores(line);

@@ -12,6 +12,8 @@ CommandLine parseCommandLine(const QStringList &arguments) {
             line.printSettings = true;
         } else if (argument == QLatin1String("--pending")) {
             line.listPending = true;
+        } else if (argument == QLatin1String("--lock-down")) {
+            line.lockDown = true;
         } else if (argument == QLatin1String("--clear")) {
             line.clearPending = true;
         } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
@@ -83,7 +85,7 @@ CommandLine parseCommandLine(const QStringList &arguments) {
 QString usageText() {
     return QStringLiteral(
         "Usage: teranocounter [--headless] [--set KEY=VALUE]... [--allow-origin ORIGIN]... [--settings]\n"
-        "                     [--pending [--clear]]\n"
+        "                     [--pending [--clear]] [--lock-down]\n"
         "  --headless        run without a tray icon (also chosen when no system tray is available)\n"
         "  --set KEY=VALUE   write a setting and exit (repeatable), e.g. --set MAIN_INTERFACE=TCP\n"
         "  --allow-origin ORIGIN  let only pages from ORIGIN (and those already listed) connect,\n"
@@ -91,5 +93,8 @@ QString usageText() {
         "                    --allow-origin '' clears the list so that every page may connect\n"
         "  --settings        print the settings as KEY=VALUE lines, then exit\n"
         "  --pending         list the answers and kitchen orders waiting to be delivered, then exit\n"
-        "  --pending --clear the same, then remove them\n");
+        "  --pending --clear the same, then remove them\n"
+        "  --lock-down       turn on the protections recommended for a shop, print each KEY=VALUE\n"
+        "                    written, then exit: WEBSOCKET_PIN_FIRST_ORIGIN, TERMINAL_ANSWER_PEERS,\n"
+        "                    KITCHEN_ALLOWED_PRINTERS, HOLD_UNDELIVERED_ANSWERS, KITCHEN_RETRY_MINUTES\n");
 }

@@ -11,6 +11,7 @@ struct CommandLine {
     bool help = false;
     bool listPending = false;                       // --pending
     bool clearPending = false;                      // --pending --clear
+    bool lockDown = false;                          // --lock-down
     QList<QPair<QString, QString>> settingsToWrite; // from --set KEY=VALUE, in order
     QStringList originsToAllow;                     // from --allow-origin, in order; "" clears the list
     QStringList warnings;                           // said on standard error; the command still runs

@@ -1,5 +1,8 @@
 #include "gatewaypage.h"
 
+#include "lockdown.h"
+#include "log.h"
+
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
@@ -7,11 +10,14 @@
 
 GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     : QWidget(parent), statusLabel(new QLabel(QStringLiteral("서비스 준비"), this)),
-      connectionLabel(new QLabel(QStringLiteral("POS 연결 대기"), this)), originLabel(new QLabel(this)), allowedLabel(new QLabel(this)),
-      refusedLabel(new QLabel(this)), pinButton(new QPushButton(QStringLiteral("이 POS만 허용"), this)),
-      clearButton(new QPushButton(QStringLiteral("허용 목록 비우기"), this)), statusOutlet(statusLabel),
-      connectionOutlet(connectionLabel), originOutlet(originLabel), allowedOutlet(allowedLabel), refusedOutlet(refusedLabel),
-      pinOutlet(pinButton), clearOutlet(clearButton),
+      connectionLabel(new QLabel(QStringLiteral("POS 연결 대기"), this)), originLabel(new QLabel(this)),
+      allowedLabel(new QLabel(this)), refusedLabel(new QLabel(this)),
+      pinButton(new QPushButton(QStringLiteral("이 POS만 허용"), this)),
+      clearButton(new QPushButton(QStringLiteral("허용 목록 비우기"), this)),
+      protectionLabel(new QLabel(this)),
+      protectButton(new QPushButton(QStringLiteral("보호 설정 켜기"), this)), statusOutlet(statusLabel),
+      connectionOutlet(connectionLabel), originOutlet(originLabel), allowedOutlet(allowedLabel),
+      refusedOutlet(refusedLabel), pinOutlet(pinButton), clearOutlet(clearButton),
       viewController(std::make_unique<WebSocketViewController>(port)) {
     auto *layout = new QVBoxLayout(this);
     auto *title = new QLabel(
@@ -28,14 +34,23 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     buttons->addStretch();
     layout->addLayout(buttons);
     layout->addWidget(refusedLabel);
+    auto *protections = new QHBoxLayout;
+    protections->addWidget(protectionLabel, 1);
+    protections->addWidget(protectButton);
+    layout->addLayout(protections);
 
     // Origins are text from outside: shown as text, never as rich text, and free to wrap.
-    for (QLabel *label : {originLabel, allowedLabel, refusedLabel}) {
+    for (QLabel *label : {originLabel, allowedLabel, refusedLabel, protectionLabel}) {
         label->setTextFormat(Qt::PlainText);
         label->setWordWrap(true);
     }
     pinButton->setToolTip(QStringLiteral("연결된 POS 페이지의 Origin만 서비스에 연결할 수 있게 합니다"));
     clearButton->setToolTip(QStringLiteral("허용 목록을 지워 모든 페이지가 연결할 수 있게 합니다"));
+    protectButton->setToolTip(
+        QStringLiteral("teranocounter --lock-down 과 같습니다: 첫 POS의 Origin 고정, 단말기 응답은 "
+                       "단말기 주소에서만, 주방 프린터는 이 컴퓨터의 네트워크만, 응답 보관, "
+                       "주방 주문 재시도"));
+    connect(protectButton, &QPushButton::clicked, this, &GatewayPage::lockDownClicked);
 
     WebSocketViewController &c = *viewController;
     c.websocketLabel = &statusOutlet;
@@ -48,10 +63,30 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     connect(pinButton, &QPushButton::clicked, this, [&c] { c.pinOriginClicked(); });
     connect(clearButton, &QPushButton::clicked, this, [&c] { c.clearOriginsClicked(); });
     c.viewDidLoad();
+    showProtections();
 }
 
 GatewayPage::~GatewayPage() = default;
 
 void GatewayPage::appear() {
     viewController->viewDidAppear();
+    showProtections(); // they may have been changed from a terminal
+}
+
+void GatewayPage::showProtections() {
+    const QStringList off = LockDown::missing();
+    protectionLabel->setText(off.isEmpty()
+                                 ? QStringLiteral("보호 설정: 모두 켜짐")
+                                 : QStringLiteral("보호 설정 꺼짐: %1").arg(off.join(QStringLiteral(", "))));
+    protectButton->setEnabled(!off.isEmpty());
+}
+
+void GatewayPage::lockDownClicked() {
+    QStringList written;
+    for (const LockDown::Setting &setting : LockDown::apply())
+        written << setting.first + u'=' + setting.second;
+    logLine(singleLine(QStringLiteral("protections turned on from the popover: ") +
+                       written.join(QStringLiteral(", "))));
+    viewController->viewDidAppear();
+    showProtections();
 }

@@ -12,8 +12,8 @@ class QPushButton;
 
 // The popover's gateway page: shows whether the POS server is up, which site the connected
 // POS page comes from, which sites may connect, and the latest refused ones; its buttons
-// pin the connected POS's site or clear the list. Loading the page is what starts the
-// server.
+// pin the connected POS's site or clear the list, and one turns on every protection we
+// recommend for a shop. Loading the page is what starts the server.
 class GatewayPage : public QWidget {
     Q_OBJECT
 public:
@@ -31,8 +31,14 @@ public:
     QLabel *refusedOriginsLabel() const { return refusedLabel; }
     QPushButton *pinOriginButton() const { return pinButton; }
     QPushButton *clearOriginsButton() const { return clearButton; }
+    QLabel *protectionsLabel() const { return protectionLabel; }
+    QPushButton *lockDownButton() const { return protectButton; }
 
 private:
+    // Whether the recommended protections are on, and the button that turns them on.
+    void showProtections();
+    void lockDownClicked();
+
     QLabel *statusLabel;
     QLabel *connectionLabel;
     QLabel *originLabel;
@@ -40,6 +46,8 @@ private:
     QLabel *refusedLabel;
     QPushButton *pinButton;
     QPushButton *clearButton;
+    QLabel *protectionLabel;
+    QPushButton *protectButton;
     LabelOutlet statusOutlet;
     LabelOutlet connectionOutlet;
     LabelOutlet originOutlet;

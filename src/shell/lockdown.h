@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QList>
+#include <QPair>
+#include <QString>
+#include <QStringList>
+
+// The protections we recommend for a shop, turned on in one go: from the command line
+// (`teranocounter --lock-down`) or the gateway page's button. Each is a setting that is off
+// by default so that an install behaves as documented until the owner chooses.
+namespace LockDown {
+
+using Setting = QPair<QString, QString>;
+
+// This computer's IPv4 networks on interfaces that are up, running and not loopback, as CIDR
+// ranges (`192.168.0.0/24`): where its kitchen printers are.
+QStringList localNetworks();
+
+// What turning the protections on writes, given the settings as they stand and the
+// networks the printers may be on:
+//  - WEBSOCKET_PIN_FIRST_ORIGIN=true, unless origins are listed already;
+//  - TERMINAL_ANSWER_PEERS=TCP_IP;
+//  - KITCHEN_ALLOWED_PRINTERS=<networks>, unless set (or no network is up);
+//  - HOLD_UNDELIVERED_ANSWERS=true;
+//  - KITCHEN_RETRY_MINUTES=10, unless set.
+QList<Setting> plan(const QStringList &networks);
+
+// Writes the plan in one go and returns what it wrote.
+QList<Setting> apply();
+
+// The protections that are off now, by their setting's name; empty when all are on.
+QStringList missing();
+
+} // namespace LockDown
