@@ -1,19 +1,23 @@
 #include "userdefaults.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
-#include <sys/stat.h>
 
 namespace {
 
-int modeOf(const QString &path) {
-    struct stat info {};
-    if (stat(QFile::encodeName(path).constData(), &info) != 0)
+// Every byte this process has taken in through read() and its kin.
+qint64 bytesReadByThisProcess() {
+    QFile io(QStringLiteral("/proc/self/io"));
+    if (!io.open(QIODevice::ReadOnly))
         return -1;
-    return static_cast<int>(info.st_mode & 07777);
+    for (const QByteArray &line : io.readAll().split('\n'))
+        if (line.startsWith("rchar:"))
+            return line.mid(6).trimmed().toLongLong();
+    return -1;
 }
 
 } // namespace
@@ -80,8 +84,11 @@ private slots:
         QVERIFY(QFile::setPermissions(file, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
                                                 QFileDevice::ReadGroup | QFileDevice::ReadOther));
         UserDefaults::standard().setValue(QStringLiteral("TCP_IP"), QStringLiteral("192.168.0.8"));
-        QCOMPARE(modeOf(folder), 0700);
-        QCOMPARE(modeOf(file), 0600);
+        const auto groupAndOther = QFileDevice::ReadGroup | QFileDevice::WriteGroup | QFileDevice::ExeGroup |
+                                   QFileDevice::ReadOther | QFileDevice::WriteOther | QFileDevice::ExeOther;
+        QCOMPARE(QFileInfo(folder).permissions() & groupAndOther, QFileDevice::Permissions());
+        QCOMPARE(QFileInfo(file).permissions() & groupAndOther, QFileDevice::Permissions());
+        QVERIFY(QFileInfo(file).permissions().testFlag(QFileDevice::WriteOwner));
     }
 
     // Only a file that is not settings at all is kept aside: whatever an editor leaves in
@@ -101,6 +108,24 @@ private slots:
                  std::optional<QString>(QStringLiteral("192.168.0.9")));
         QCOMPARE(QDir(QFileInfo(file).absolutePath()).entryList({QStringLiteral("*.unreadable-*")}),
                  QStringList());
+    }
+
+    // Reads do not load the file again while it is the same: one that changed the file's
+    // change time (a chmod, say) would make every later read load it afresh.
+    void readsOfAnUnchangedFileDoNotLoadItAgain() {
+        UserDefaults::standard().setValue(QStringLiteral("NOTE"), QString(16 * 1024, u'n'));
+        QVERIFY(UserDefaults::standard().value(QStringLiteral("NOTE")));
+        const qint64 before = bytesReadByThisProcess();
+        // For long enough that the file system's clock (a few milliseconds a tick) moves on.
+        QElapsedTimer clock;
+        clock.start();
+        int reads = 0;
+        for (; clock.elapsed() < 100 || reads < 100; ++reads)
+            QVERIFY(UserDefaults::standard().value(QStringLiteral("NOTE")));
+        const qint64 read = bytesReadByThisProcess() - before;
+        QVERIFY2(read < 16 * 1024,
+                 qPrintable(QStringLiteral("%1 bytes read for %2 reads").arg(read).arg(reads)));
+        UserDefaults::standard().remove(QStringLiteral("NOTE"));
     }
 
     void listReadsCommaTextAndHandEditedLists() {

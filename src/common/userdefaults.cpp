@@ -31,8 +31,15 @@ void makePrivate(const QString &file) {
         QDir().mkpath(QFileInfo(QFileInfo(file).absolutePath()).absolutePath());
         ::mkdir(folder.constData(), 0700);
     }
-    ::chmod(folder.constData(), 0700);
-    ::chmod(QFile::encodeName(file).constData(), 0600);
+    // Only when the mode is not right already: a chmod changes the file's change time, which
+    // is how a new version of the file is told, and every read would load it afresh.
+    const auto restrict = [](const QByteArray &path, mode_t mode) {
+        struct stat info {};
+        if (::stat(path.constData(), &info) == 0 && (info.st_mode & 07777) != mode)
+            ::chmod(path.constData(), mode);
+    };
+    restrict(folder, 0700);
+    restrict(QFile::encodeName(file), 0600);
 }
 
 // Whether the file holds settings as an INI file does: UTF-8 text of section headers,

@@ -3,21 +3,6 @@
 #include "log.h"
 #include "userdefaults.h"
 
-namespace {
-
-// ::ffff:192.168.0.9 is the terminal at 192.168.0.9, and is judged as that.
-QHostAddress plain(const QHostAddress &address) {
-    if (address.protocol() == QAbstractSocket::IPv6Protocol) {
-        bool mapped = false;
-        const quint32 v4 = address.toIPv4Address(&mapped);
-        if (mapped)
-            return QHostAddress(v4);
-    }
-    return address;
-}
-
-} // namespace
-
 AnswerPeers::AnswerPeers(const QStringList &entries) {
     for (const QString &entry : entries) {
         if (const std::optional<Rule> rule = parse(entry))
@@ -41,10 +26,8 @@ std::optional<AnswerPeers::Rule> AnswerPeers::parse(const QString &entry) {
         rule.prefixLength = subnet.second;
         return rule;
     }
-    QHostAddress address;
-    if (!address.setAddress(entry))
+    if (!rule.address.setAddress(entry))
         return std::nullopt;
-    rule.address = plain(address);
     return rule;
 }
 
@@ -60,15 +43,16 @@ std::optional<AnswerPeers> AnswerPeers::fromSettings() {
 }
 
 bool AnswerPeers::allows(const QHostAddress &peer, const std::optional<QHostAddress> &terminal) const {
-    const QHostAddress from = plain(peer);
+    // ::ffff:192.168.0.9 is the terminal at 192.168.0.9.
+    constexpr auto sameHost = QHostAddress::ConvertV4MappedToIPv4;
     for (const Rule &rule : rules) {
         if (rule.terminal) {
-            if (terminal && plain(*terminal) == from)
+            if (terminal && terminal->isEqual(peer, sameHost))
                 return true;
         } else if (rule.prefixLength < 0) {
-            if (rule.address == from)
+            if (rule.address.isEqual(peer, sameHost))
                 return true;
-        } else if (from.isInSubnet(rule.address, rule.prefixLength)) {
+        } else if (peer.isInSubnet(rule.address, rule.prefixLength)) {
             return true;
         }
     }

@@ -46,10 +46,8 @@ bool TerminalListener::refused(QTcpSocket *socket) const {
         started.start();
         return started;
     }();
-    QHostAddress peer = socket->peerAddress();
-    bool mapped = false;
-    if (const quint32 v4 = peer.toIPv4Address(&mapped); mapped)
-        peer = QHostAddress(v4);
+    // The listener is bound to one address of its own family: the peer's is as plain as it gets.
+    const QHostAddress peer = socket->peerAddress();
     if (refusedPeers.note(peer.toString(), clock.elapsed()))
         logLine(QStringLiteral("terminal answer refused from %1: not in %2")
                     .arg(peer.toString(), AnswerPeers::settingKey));
