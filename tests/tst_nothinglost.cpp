@@ -13,6 +13,10 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QRegularExpression>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
 #include <QTcpServer>
 #include <QtTest>
 #include <sys/stat.h>
@@ -64,6 +68,11 @@ QList<QByteArray> printed(const devsim::Printer &printer) {
         if (!c.received.isEmpty())
             jobs << c.received;
     return jobs;
+}
+
+QByteArray contentsOf(const QString &path) {
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
 } // namespace
@@ -266,6 +275,78 @@ private slots:
         QVERIFY(service.waitForStdoutLineCount(3, 3000)); // the marker and today's one-line error
         QVERIFY(service.stdoutLines()[2].contains(QStringLiteral("127.0.0.1:%1").arg(port)));
         QVERIFY(!QFileInfo::exists(service.pendingStoreFile()));
+    }
+
+    void damagedStoreIsSetAsideAndTheNextOrderIsKept_data() {
+        QTest::addColumn<bool>("garbage");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("garbage") << true << "file is not a database";
+        QTest::newRow("foreign table layout") << false << "its tables are not the ones Terano Counter writes";
+    }
+    void damagedStoreIsSetAsideAndTheNextOrderIsKept() {
+        QFETCH(bool, garbage);
+        QFETCH(QString, reason);
+        ServiceProcess service;
+        const QString store = service.pendingStoreFile();
+        QVERIFY(QDir().mkpath(QFileInfo(store).absolutePath()));
+        if (garbage) {
+            QFile file(store);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(QByteArray("PK\x03\x04 a zip that was copied over the store\n").repeated(200));
+        } else {
+            QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("foreign"));
+            db.setDatabaseName(store);
+            QVERIFY(db.open());
+            QSqlQuery query(db);
+            for (const char *statement :
+                 {"CREATE TABLE answers (id INTEGER PRIMARY KEY, text TEXT, received TEXT)",
+                  "CREATE TABLE orders (id INTEGER PRIMARY KEY, ticket TEXT)",
+                  "INSERT INTO orders (ticket) VALUES ('SOMEONE ELSE''S ORDER')"})
+                QVERIFY2(query.exec(QString::fromLatin1(statement)), qPrintable(query.lastError().text()));
+        }
+        QSqlDatabase::removeDatabase(QStringLiteral("foreign"));
+        const QByteArray before = contentsOf(store);
+
+        // Looking says why it cannot be read, and leaves the file be.
+        QByteArray out;
+        QByteArray err;
+        QCOMPARE(service.runToEnd({"--pending"}, &out, &err), 1);
+        QCOMPARE(out, QByteArray());
+        QCOMPARE(QString::fromUtf8(err),
+                 QStringLiteral("teranocounter: %1 cannot be read: %2; the service sets it aside "
+                                "and starts a fresh store when it next opens it\n")
+                     .arg(store, reason));
+        QCOMPARE(contentsOf(store), before);
+
+        const quint16 port = freePort();
+        PosClient pos;
+        QVERIFY(startRetrying(service, pos));
+        QVERIFY(service.waitForStdoutLineCount(1, 3000));
+        const QRegularExpression setAside(
+            QStringLiteral(
+                "^pending store %1 cannot be used \\(%2\\): set aside as (%1\\.corrupt-\\d{8}T\\d{6}Z), a "
+                "fresh store is used$")
+                .arg(QRegularExpression::escape(store), QRegularExpression::escape(reason)));
+        const QRegularExpressionMatch match = setAside.match(service.stdoutLines().first());
+        QVERIFY2(match.hasMatch(), qPrintable(service.stdoutLines().first()));
+        QCOMPARE(contentsOf(match.captured(1)), before);
+
+        pos.send(kitchenOrderFrame(QStringLiteral("NEXT ORDER\n"), port));
+        QVERIFY(
+            waitUntil([&] { return pending(service).join(u'\n').contains("kitchen order waiting"); }, 5000));
+        const QStringList listed = pending(service);
+        QCOMPARE(listed.size(), 2);
+        QVERIFY2(listed[0].startsWith(QStringLiteral("kitchen order waiting ")) &&
+                     listed[0].endsWith(QStringLiteral(", printer 127.0.0.1:%1, 11 bytes").arg(port)),
+                 qPrintable(listed[0]));
+        QCOMPARE(listed[1], QStringLiteral("set aside by the service, not read: ") + match.captured(1));
+        devsim::Printer printer;
+        QVERIFY(printer.listen(port));
+        QVERIFY(waitUntil([&] { return printed(printer).size() == 1; }, 10000));
+        keepRunningFor(1500);
+        QCOMPARE(printed(printer), QList<QByteArray>{"NEXT ORDER\n"});
+        QCOMPARE(service.stdoutLines().size(), 2); // the set-aside line and the order's marker
+        QCOMPARE(service.stderrLines(), QStringList());
     }
 
     void pendingListsWhatWaitsWithoutItsContent() {

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QString>
+#include <QStringList>
 #include <memory>
 
 // What is waiting to be delivered: terminal answers that found no POS, and kitchen orders
@@ -24,20 +25,35 @@ public:
         QByteArray payload; // already in code page 949: exactly the printer's bytes
     };
 
+    // The service mends what it finds: a file it cannot use is set aside and a fresh one
+    // made, and a store of the previous release is stamped with the schema version. Looking
+    // (`--pending`) changes nothing but the rows it is told to remove.
+    enum class Use { Service, Inspect };
+
+    // Written into the file (PRAGMA user_version). The release before it wrote 0 and the
+    // same two tables.
+    static constexpr int schemaVersion = 1;
+
     // $XDG_STATE_HOME/teranocounter/pending.sqlite (by default ~/.local/state/...).
     static QString defaultPath();
     // The service's store, opened on first use. Null, after one line saying why, when it
     // cannot be opened; the service then goes on without keeping anything.
     static PendingStore *shared();
 
-    explicit PendingStore(const QString &path);
+    explicit PendingStore(const QString &path, Use use = Use::Service);
     ~PendingStore();
     PendingStore(const PendingStore &) = delete;
     PendingStore &operator=(const PendingStore &) = delete;
 
     bool isOpen() const { return open; }
+    // Why it cannot be opened, or why the latest read or write failed.
     QString errorString() const { return error; }
+    // Looking only: the file is damaged or laid out by something else, and the service
+    // would set it aside.
+    bool isUnusable() const { return unusable; }
     QString path() const { return file; }
+    // What the service set aside next to the store, oldest first.
+    QStringList setAsideFiles() const;
 
     qint64 addAnswer(const QByteArray &json, qint64 storedAtMs);
     QList<Answer> answers() const; // oldest first
@@ -50,13 +66,26 @@ public:
     static qint64 nowMs();
 
 private:
+    enum class Fit { Usable, Unusable, Failed };
+
     bool openDatabase();
+    bool prepareFile();
+    Fit connectAndCheck();
+    Fit checkLayout();
+    bool setAside();
+    bool writeLayout();
     bool exec(const QString &statement);
+    bool deleteRow(const QString &table, qint64 id);
 
     QString file;
     QString connectionName;
+    Use use;
     bool open = false;
-    QString error;
+    bool unusable = false;
+    mutable QString error;
+    bool hasAnswers = false;
+    bool hasOrders = false;
+    int version = 0;
 };
 
 // "3 min 12 s", "25 h 3 min": how long something has been waiting.
