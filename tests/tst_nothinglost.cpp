@@ -1,7 +1,9 @@
 // Keeping what could not be delivered, as a shop that turns it on sees it: the real service
 // with HOLD_UNDELIVERED_ANSWERS and KITCHEN_RETRY_MINUTES, POS pages that reload, printers
 // that are switched off and on, and SIGKILL in between.
+#include "answercall.h"
 #include "cp949.h"
+#include "localaddresses.h"
 #include "posclient.h"
 #include "printer.h"
 #include "scriptedterminal.h"
@@ -68,6 +70,18 @@ QList<QByteArray> printed(const devsim::Printer &printer) {
         if (!c.received.isEmpty())
             jobs << c.received;
     return jobs;
+}
+
+QString answerData(const QString &text) {
+    return jsonObject(text).value("response").toObject().value("data").toString();
+}
+
+QStringList linesStartingWith(ServiceProcess &service, const QString &start) {
+    QStringList found;
+    for (const QString &line : service.stdoutLines())
+        if (line.startsWith(start))
+            found << line;
+    return found;
 }
 
 QByteArray contentsOf(const QString &path) {
@@ -275,6 +289,54 @@ private slots:
         QVERIFY(service.waitForStdoutLineCount(3, 3000)); // the marker and today's one-line error
         QVERIFY(service.stdoutLines()[2].contains(QStringLiteral("127.0.0.1:%1").arg(port)));
         QVERIFY(!QFileInfo::exists(service.pendingStoreFile()));
+    }
+
+    // A terminal (or anyone on the shop network) answering with no POS to take it: the
+    // newest 100 are kept, each one over that drops the oldest with one line.
+    void aHundredAndTwentyAnswersWithNoPosLeaveTheNewestHundred() {
+        const QStringList addresses = localAddresses();
+        QVERIFY2(!addresses.isEmpty(), "this machine has no non-loopback interface up");
+        ServiceProcess service;
+        QVERIFY(startWith(service, kisOnLoopback + QStringList{holdAnswers}));
+        // As a KICC terminal delivers one: a connection of its own to the answer listener.
+        const auto answerFromTheNetwork = [&](int i) {
+            devsim::AnswerCall call{
+                QHostAddress(addresses.first()), devsim::VendorPort::kicc,
+                devsim::listenerFrame(QStringLiteral("ANSWER %1").arg(i, 3, 10, QChar(u'0')).toLatin1())};
+            return waitUntil([&] { return call.isFinished(); }, 5000) && call.isSent();
+        };
+        // The listener opens with the TCP page, after the gateway: a refused call reached no one.
+        QVERIFY(waitUntil([&] { return answerFromTheNetwork(1); }, 5000));
+        for (int i = 2; i <= 120; ++i)
+            QVERIFY2(answerFromTheNetwork(i), qPrintable(QString::number(i)));
+        const QString dropped =
+            QStringLiteral("held terminal answers are kept 100 at most: the oldest, waiting ");
+        QVERIFY2(waitUntil([&] { return linesStartingWith(service, dropped).size() == 20; }, 10000),
+                 qPrintable(service.stdoutLines().join(u'\n')));
+        for (const QString &line : linesStartingWith(service, dropped))
+            QVERIFY2(line.endsWith(QLatin1String(" s (83 bytes), was dropped unread")) &&
+                         !line.contains("ANSWER"),
+                     qPrintable(line));
+        QCOMPARE(pending(service)
+                     .filter(QRegularExpression(QStringLiteral("^answer waiting .*, 83 bytes$")))
+                     .size(),
+                 100);
+
+        PosClient pos;
+        QVERIFY(pos.open(ServiceProcess::gatewayPort));
+        QVERIFY(waitUntil([&] { return pos.texts.size() == 100; }, 10000));
+        // One more answer now goes behind them: had any older one been left, it would come first.
+        QVERIFY(answerFromTheNetwork(121));
+        QVERIFY(waitUntil([&] { return pos.texts.size() == 101; }, 5000));
+        QStringList expected;
+        for (int i = 21; i <= 121; ++i)
+            expected << QStringLiteral("ANSWER %1").arg(i, 3, 10, QChar(u'0'));
+        QStringList received;
+        for (const QString &text : std::as_const(pos.texts))
+            received << answerData(text);
+        QCOMPARE(received, expected);
+        QCOMPARE(linesStartingWith(service, dropped).size(), 20);
+        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
     }
 
     void damagedStoreIsSetAsideAndTheNextOrderIsKept_data() {

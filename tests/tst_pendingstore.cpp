@@ -148,6 +148,35 @@ private slots:
         QVERIFY(store.answers().isEmpty());
     }
 
+    void aHundredAndTwentyAnswersLeaveTheNewestHundred() {
+        PendingStore store(path());
+        QVERIFY(store.isOpen());
+        const qint64 now = PendingStore::nowMs();
+        StdoutCapture out;
+        for (int i = 1; i <= 120; ++i)
+            QVERIFY(store.addAnswer(QStringLiteral("answer %1").arg(i, 3, 10, QChar(u'0')).toUtf8(),
+                                    now - (121 - i) * 60'000) > 0);
+        const QList<PendingStore::Answer> answers = store.answers();
+        QCOMPARE(answers.size(), 100);
+        QCOMPARE(answers.first().json, QByteArray("answer 021"));
+        QCOMPARE(answers.last().json, QByteArray("answer 120"));
+        // One line per answer dropped, when the 101st and each after it arrived: its age
+        // (answer 1 had waited 2 hours) and its size, never what it said.
+        const QStringList lines = out.lines();
+        QCOMPARE(lines.size(), 20);
+        const QRegularExpression dropped(QStringLiteral(
+            R"(^held terminal answers are kept 100 at most: the oldest, waiting (\d+ h \d+ min) \(10 bytes\), was dropped unread$)"));
+        const QRegularExpressionMatch first = dropped.match(lines.first());
+        QVERIFY2(first.hasMatch(), qPrintable(lines.first()));
+        QVERIFY2(first.captured(1).startsWith(QLatin1String("2 h ")), qPrintable(lines.first()));
+        for (const QString &line : lines)
+            QVERIFY2(dropped.match(line).hasMatch() &&
+                         !line.contains(QRegularExpression(QStringLiteral("answer \\d"))),
+                     qPrintable(line));
+        PendingStore reopened(path());
+        QCOMPARE(reopened.answers().size(), 100);
+    }
+
     void storeOfThePreviousReleaseIsKeptAndStamped() {
         QVERIFY(QDir().mkpath(QFileInfo(path()).absolutePath()));
         QCOMPARE(
@@ -170,6 +199,28 @@ private slots:
         QCOMPARE(out.lines(), QStringList());
         QCOMPARE(userVersion(path()), PendingStore::schemaVersion);
         QVERIFY(PendingStore(path()).setAsideFiles().isEmpty());
+    }
+
+    void storeOfThePreviousReleaseWithThousandsOfAnswersKeepsTheNewestHundred() {
+        QVERIFY(QDir().mkpath(QFileInfo(path()).absolutePath()));
+        QCOMPARE(writeDatabase(path(), previousRelease +
+                                           QStringList{QStringLiteral(
+                                               "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT "
+                                               "i + 1 FROM n WHERE i < 3000) INSERT INTO answers "
+                                               "(stored_at, json) SELECT i, printf('%04d', i) FROM n")}),
+                 QString());
+        StdoutCapture out;
+        PendingStore store(path());
+        QVERIFY(store.isOpen());
+        const QList<PendingStore::Answer> answers = store.answers();
+        QCOMPARE(answers.size(), 100);
+        QCOMPARE(answers.first().json, QByteArray("2901"));
+        QCOMPARE(out.lines().size(), 1);
+        QVERIFY2(
+            out.lines().first().startsWith(QLatin1String(
+                "held terminal answers are kept 100 at most: the 2900 oldest, waiting up to ")) &&
+                out.lines().first().endsWith(QLatin1String(" (11600 bytes in all), were dropped unread")),
+            qPrintable(out.lines().first()));
     }
 
     void unusableFileIsSetAsideAndAFreshStoreKeepsTheNextOrder_data() {

@@ -166,7 +166,10 @@ bool PendingStore::openDatabase() {
     }
     if (use == Use::Inspect)
         return true;
-    return writeLayout();
+    if (!writeLayout())
+        return false;
+    trimAnswers();
+    return true;
 }
 
 bool PendingStore::prepareFile() {
@@ -319,6 +322,33 @@ bool PendingStore::writeLayout() {
     return true;
 }
 
+// A store of the previous release can hold any number of answers.
+void PendingStore::trimAnswers() {
+    QSqlQuery query(QSqlDatabase::database(connectionName, false));
+    if (!query.exec(QStringLiteral("SELECT count(*), min(stored_at) FROM answers")) || !query.next())
+        return;
+    const qint64 count = query.value(0).toLongLong();
+    if (count <= heldAnswerLimit)
+        return;
+    const qint64 oldest = query.value(1).toLongLong();
+    const QString over =
+        QStringLiteral("FROM answers WHERE id NOT IN (SELECT id FROM answers ORDER BY id DESC "
+                       "LIMIT %1)")
+            .arg(heldAnswerLimit);
+    if (!query.exec(QStringLiteral("SELECT sum(length(json)) ") + over) || !query.next())
+        return;
+    const qint64 bytes = query.value(0).toLongLong();
+    if (!query.exec(QStringLiteral("DELETE ") + over))
+        return;
+    logLine(
+        QStringLiteral("held terminal answers are kept %1 at most: the %2 oldest, waiting up to %3 (%4 bytes "
+                       "in all), were dropped unread")
+            .arg(heldAnswerLimit)
+            .arg(count - heldAnswerLimit)
+            .arg(describeAge(nowMs() - oldest))
+            .arg(bytes));
+}
+
 QStringList PendingStore::setAsideFiles() const {
     const QFileInfo info(file);
     QStringList found;
@@ -343,25 +373,58 @@ bool PendingStore::exec(const QString &statement) {
 qint64 PendingStore::addAnswer(const QByteArray &json, qint64 storedAtMs) {
     if (!open)
         return 0;
-    QSqlQuery query(QSqlDatabase::database(connectionName, false));
+    QSqlDatabase db = QSqlDatabase::database(connectionName, false);
+    QSqlQuery query(db);
+    const auto fail = [&](const QSqlError &why) {
+        logLine(QStringLiteral("pending store: an answer could not be kept: ") + reasonOf(why));
+        db.rollback();
+        return 0;
+    };
+    if (!db.transaction())
+        return fail(db.lastError());
     query.prepare(QStringLiteral("INSERT INTO answers (stored_at, json) VALUES (?, ?)"));
     query.addBindValue(storedAtMs);
     query.addBindValue(json);
-    if (!query.exec()) {
-        logLine(singleLine(QStringLiteral("pending store: an answer could not be kept: ") +
-                           query.lastError().text()));
-        return 0;
+    if (!query.exec())
+        return fail(query.lastError());
+    const qint64 id = query.lastInsertId().toLongLong();
+    // The newest are the ones a POS still waits for; those over the limit go oldest first.
+    if (!query.exec(QStringLiteral("SELECT id, stored_at, length(json) FROM answers ORDER BY id")))
+        return fail(query.lastError());
+    QList<Answer> waiting;
+    QList<qint64> sizes;
+    while (query.next()) {
+        waiting.append({query.value(0).toLongLong(), query.value(1).toLongLong(), {}});
+        sizes.append(query.value(2).toLongLong());
     }
-    return query.lastInsertId().toLongLong();
+    QStringList lines;
+    QSqlQuery drop(db);
+    drop.prepare(QStringLiteral("DELETE FROM answers WHERE id = ?"));
+    for (qsizetype i = 0; i < waiting.size() - heldAnswerLimit; ++i) {
+        drop.bindValue(0, waiting[i].id);
+        if (!drop.exec())
+            return fail(drop.lastError());
+        lines << QStringLiteral(
+                     "held terminal answers are kept %1 at most: the oldest, waiting %2 (%3 bytes), "
+                     "was dropped unread")
+                     .arg(heldAnswerLimit)
+                     .arg(describeAge(nowMs() - waiting[i].storedAtMs))
+                     .arg(sizes[i]);
+    }
+    if (!db.commit())
+        return fail(db.lastError());
+    for (const QString &line : std::as_const(lines))
+        logLine(line);
+    return id;
 }
 
-QList<PendingStore::Answer> PendingStore::answers() const {
+QList<PendingStore::Answer> PendingStore::answers(int limit) const {
     QList<Answer> all;
     if (!open || !hasAnswers)
         return all;
     QSqlQuery query(QSqlDatabase::database(connectionName, false));
     if (!query.exec(QStringLiteral("SELECT id, stored_at, json FROM answers") +
-                    QStringLiteral(" ORDER BY id"))) {
+                    QStringLiteral(" ORDER BY id LIMIT %1").arg(limit))) {
         error = reasonOf(query.lastError());
         return all;
     }

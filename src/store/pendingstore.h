@@ -33,6 +33,8 @@ public:
     // Written into the file (PRAGMA user_version). The release before it wrote 0 and the
     // same two tables.
     static constexpr int schemaVersion = 1;
+    // A terminal can be made to answer without end; the POS gets the newest this many.
+    static constexpr int heldAnswerLimit = 100;
 
     // $XDG_STATE_HOME/teranocounter/pending.sqlite (by default ~/.local/state/...).
     static QString defaultPath();
@@ -55,8 +57,10 @@ public:
     // What the service set aside next to the store, oldest first.
     QStringList setAsideFiles() const;
 
+    // Beyond heldAnswerLimit the oldest answer goes, with one line. 0: not kept.
     qint64 addAnswer(const QByteArray &json, qint64 storedAtMs);
-    QList<Answer> answers() const; // oldest first
+    // Oldest first; at most `limit` of them when it is not negative.
+    QList<Answer> answers(int limit = -1) const;
     bool removeAnswer(qint64 id);
 
     qint64 addOrder(const QString &address, quint16 port, const QByteArray &payload, qint64 arrivedAtMs);
@@ -74,6 +78,7 @@ private:
     Fit checkLayout();
     bool setAside();
     bool writeLayout();
+    void trimAnswers();
     bool exec(const QString &statement);
     bool deleteRow(const QString &table, qint64 id);
 
