@@ -9,6 +9,7 @@
 #include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
+#include "smalldisk.h"
 #include "terminalframes.h"
 #include "vendorscripts.h"
 #include "wait.h"
@@ -88,6 +89,12 @@ QByteArray contentsOf(const QString &path) {
     QFile f(path);
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
+
+// A small disk for the service's state, filled up while it runs.
+const qint64 smallDiskBytes = 512 * 1024;
+const QString notRemoved =
+    QStringLiteral("pending store: %1 could not be removed (database or disk is full): it "
+                   "is not delivered again, and its removal is retried");
 
 } // namespace
 
@@ -337,6 +344,95 @@ private slots:
         QCOMPARE(received, expected);
         QCOMPARE(linesStartingWith(service, dropped).size(), 20);
         QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+    }
+
+    // The disk fills after the answer is kept: the first POS gets it, its removal fails, and
+    // a second POS gets nothing but the answer to its own payment.
+    void heldAnswerReachesThePosOnceWhenTheDiskIsFull() {
+        QVERIFY2(geteuid() == 0, "this test mounts a small tmpfs and needs root (CI runs as root)");
+        devsim::ScriptedTerminal kis;
+        slowKis(kis);
+        ServiceProcess service;
+        SmallDisk disk(service.stateHome(), smallDiskBytes);
+        QVERIFY2(disk.isMounted(), qPrintable(disk.error()));
+        QVERIFY(startWith(service, kisOnLoopback + QStringList{holdAnswers}));
+        payThenLeave(service);
+        QVERIFY(answerIsWaiting(service));
+        QVERIFY2(disk.fill(), qPrintable(disk.error()));
+
+        {
+            PosClient reloaded;
+            QVERIFY(reloaded.open(ServiceProcess::gatewayPort));
+            QVERIFY(waitUntil([&] { return !reloaded.texts.isEmpty(); }, 3000));
+            QCOMPARE(jsonObject(reloaded.texts.first()), expectedAnswer(approval, "KIS7430"));
+            reloaded.socket.close();
+            QVERIFY(waitUntil([&] { return reloaded.disconnected; }, 3000));
+        }
+
+        const QString probeApproval = QStringLiteral("승인 완료 9999");
+        kis.setScript(devsim::kisExchange(cp949::encode(probeApproval).value(), 0));
+        PosClient second;
+        QVERIFY(second.open(ServiceProcess::gatewayPort));
+        second.send(terminalFrame("KIS", "\x02PAY\x03"));
+        // Held answers go out right after the handshake, before any frame is read: the answer
+        // to this payment comes after anything held would have.
+        QVERIFY(waitUntil([&] { return !second.texts.isEmpty(); }, 5000));
+        keepRunningFor(300);
+        QCOMPARE(second.texts.size(), 1);
+        QCOMPARE(jsonObject(second.texts.first()), expectedAnswer(probeApproval, "KIS7430"));
+        QCOMPARE(linesStartingWith(service, QStringLiteral("pending store: ")),
+                 QStringList{notRemoved.arg("a delivered terminal answer")});
+
+        // With room again its removal goes through, and nothing is left to deliver.
+        QVERIFY(disk.makeRoom());
+        QVERIFY(waitUntil([&] { return pending(service) == QStringList{"nothing is waiting"}; }, 8000));
+        QCOMPARE(service.stderrLines(), QStringList());
+    }
+
+    // Order A is kept, then the disk fills: order B cannot be kept and says so, yet both are
+    // printed once when the printer comes back, A's removal failing. Once there is room its
+    // removal goes through, and a restart prints nothing again.
+    void ordersArePrintedOnceWhenTheDiskIsFullAndNotAgainAfterARestart() {
+        QVERIFY2(geteuid() == 0, "this test mounts a small tmpfs and needs root (CI runs as root)");
+        const quint16 port = freePort();
+        ServiceProcess service;
+        SmallDisk disk(service.stateHome(), smallDiskBytes);
+        QVERIFY2(disk.isMounted(), qPrintable(disk.error()));
+        PosClient pos;
+        QVERIFY(startRetrying(service, pos));
+        pos.send(kitchenOrderFrame(QStringLiteral("ORDER A\n"), port));
+        QVERIFY(
+            waitUntil([&] { return pending(service).join(u'\n').contains("kitchen order waiting"); }, 5000));
+        QVERIFY2(disk.fill(), qPrintable(disk.error()));
+        pos.send(kitchenOrderFrame(QStringLiteral("ORDER B\n"), port));
+        const QString notKept =
+            QStringLiteral("kitchen printer 127.0.0.1:%1: the order could not be kept (database or "
+                           "disk is full); it is tried all the same, but lost if the service "
+                           "stops first")
+                .arg(port);
+        QVERIFY2(service.waitForStdoutLine(notKept, 5000), qPrintable(service.stdoutLines().join(u'\n')));
+        keepRunningFor(1500); // B's one attempt while the printer is off
+
+        devsim::Printer printer;
+        QVERIFY(printer.listen(port));
+        QVERIFY(waitUntil([&] { return printed(printer).size() == 2; }, 40000));
+        keepRunningFor(2500);
+        QCOMPARE(printed(printer), (QList<QByteArray>{"ORDER A\n", "ORDER B\n"}));
+        QCOMPARE(service.stdoutLines().filter("could not be kept").size(), 1);
+        QCOMPARE(linesStartingWith(service, QStringLiteral("pending store: ")),
+                 QStringList{notRemoved.arg("a printed kitchen order")});
+
+        QVERIFY(disk.makeRoom());
+        QVERIFY(waitUntil([&] { return pending(service) == QStringList{"nothing is waiting"}; }, 8000));
+        service.killHard();
+        QVERIFY(service.start());
+        PosClient afterRestart;
+        QVERIFY(afterRestart.open(ServiceProcess::gatewayPort));
+        // Anything still kept would go out at start, ahead of this one on the same printer.
+        afterRestart.send(kitchenOrderFrame(QStringLiteral("ORDER C\n"), port));
+        QVERIFY(waitUntil([&] { return printed(printer).size() >= 3; }, 10000));
+        keepRunningFor(1000);
+        QCOMPARE(printed(printer), (QList<QByteArray>{"ORDER A\n", "ORDER B\n", "ORDER C\n"}));
     }
 
     void damagedStoreIsSetAsideAndTheNextOrderIsKept_data() {

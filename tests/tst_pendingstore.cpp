@@ -1,4 +1,5 @@
 #include "pendingstore.h"
+#include "smalldisk.h"
 #include "stdoutcapture.h"
 
 #include <QDir>
@@ -310,6 +311,47 @@ private slots:
         QCOMPARE(contentsOf(path()), before);
         QVERIFY(store.setAsideFiles().isEmpty());
         QCOMPARE(out.lines(), QStringList());
+    }
+
+    void removalRefusedByAFullDiskIsRememberedAndRetried() {
+        QVERIFY2(geteuid() == 0, "this test mounts a small tmpfs and needs root (CI runs as root)");
+        SmallDisk disk(dir.filePath("state"), 256 * 1024);
+        QVERIFY2(disk.isMounted(), qPrintable(disk.error()));
+        PendingStore store(path());
+        QVERIFY2(store.isOpen(), qPrintable(store.errorString()));
+        const qint64 answer = store.addAnswer("approved", 1);
+        const qint64 order = store.addOrder("10.0.0.1", 9100, "ORDER\n", 2);
+        const qint64 later = store.addOrder("10.0.0.1", 9100, "LATER\n", 3);
+        QVERIFY(answer > 0 && order > 0 && later > 0);
+        QVERIFY2(disk.fill(), qPrintable(disk.error()));
+
+        StdoutCapture out;
+        QVERIFY(!store.removeAnswer(answer));
+        QVERIFY(!store.removeOrder(order));
+        QVERIFY(!store.removeOrder(order)); // said once
+        // Delivered, so gone for whoever asks what waits, though the rows are still there.
+        QVERIFY(store.answers().isEmpty());
+        QCOMPARE(store.orders().size(), 1);
+        QCOMPARE(store.orders().first().id, later);
+        QCOMPARE(PendingStore(path(), PendingStore::Use::Inspect).orders().size(), 2);
+        QCOMPARE(store.addOrder("10.0.0.1", 9100, "NOT KEPT\n", 4), 0);
+        QVERIFY2(store.errorString().contains(QLatin1String("full")), qPrintable(store.errorString()));
+        const QStringList lines = out.lines();
+        QCOMPARE(lines.size(), 2);
+        QVERIFY2(
+            lines[0].startsWith(
+                QLatin1String("pending store: a delivered terminal answer could not be removed (")) &&
+                lines[0].endsWith(QLatin1String("): it is not delivered again, and its removal is retried")),
+            qPrintable(lines[0]));
+        QVERIFY2(lines[1].startsWith(
+                     QLatin1String("pending store: a printed kitchen order could not be removed (")),
+                 qPrintable(lines[1]));
+
+        QVERIFY(disk.makeRoom());
+        PendingStore looking(path(), PendingStore::Use::Inspect);
+        QTRY_VERIFY_WITH_TIMEOUT(looking.answers().isEmpty() && looking.orders().size() == 1, 5000);
+        QCOMPARE(looking.orders().first().payload, QByteArray("LATER\n"));
+        QCOMPARE(out.lines().size(), 2);
     }
 
     void agesReadAsAPersonWouldSayThem_data() {

@@ -238,9 +238,14 @@ void WebSocketViewController::writeResponse(const QPointer<QWebSocket> &session,
     PendingStore *store = PendingStore::shared();
     if (!store)
         return;
-    store->addAnswer(text.toUtf8(), PendingStore::nowMs());
-    if (QWebSocket *open = newestOpenConnection())
-        deliverHeldAnswers(open);
+    const bool kept = store->addAnswer(text.toUtf8(), PendingStore::nowMs()) != 0;
+    if (QWebSocket *open = newestOpenConnection()) {
+        // One the file would not take (a full disk) can still reach a page that is open.
+        if (kept)
+            deliverHeldAnswers(open);
+        else
+            open->sendTextMessage(text);
+    }
 }
 
 QWebSocket *WebSocketViewController::newestOpenConnection() const {

@@ -10,6 +10,7 @@
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
+#include <QTimer>
 #include <QVariant>
 #include <atomic>
 #include <cstring>
@@ -370,9 +371,20 @@ bool PendingStore::exec(const QString &statement) {
     return true;
 }
 
+// " WHERE id NOT IN (...)" for rows delivered but still in the file; ids are numbers we made.
+QString PendingStore::notIn(const QSet<qint64> &ids) const {
+    if (ids.isEmpty())
+        return {};
+    QStringList list;
+    for (const qint64 id : ids)
+        list << QString::number(id);
+    return QStringLiteral(" WHERE id NOT IN (%1)").arg(list.join(u','));
+}
+
 qint64 PendingStore::addAnswer(const QByteArray &json, qint64 storedAtMs) {
     if (!open)
         return 0;
+    retryRemovals();
     QSqlDatabase db = QSqlDatabase::database(connectionName, false);
     QSqlQuery query(db);
     const auto fail = [&](const QSqlError &why) {
@@ -389,7 +401,8 @@ qint64 PendingStore::addAnswer(const QByteArray &json, qint64 storedAtMs) {
         return fail(query.lastError());
     const qint64 id = query.lastInsertId().toLongLong();
     // The newest are the ones a POS still waits for; those over the limit go oldest first.
-    if (!query.exec(QStringLiteral("SELECT id, stored_at, length(json) FROM answers ORDER BY id")))
+    if (!query.exec(QStringLiteral("SELECT id, stored_at, length(json) FROM answers") +
+                    notIn(answersDelivered) + QStringLiteral(" ORDER BY id")))
         return fail(query.lastError());
     QList<Answer> waiting;
     QList<qint64> sizes;
@@ -423,7 +436,7 @@ QList<PendingStore::Answer> PendingStore::answers(int limit) const {
     if (!open || !hasAnswers)
         return all;
     QSqlQuery query(QSqlDatabase::database(connectionName, false));
-    if (!query.exec(QStringLiteral("SELECT id, stored_at, json FROM answers") +
+    if (!query.exec(QStringLiteral("SELECT id, stored_at, json FROM answers") + notIn(answersDelivered) +
                     QStringLiteral(" ORDER BY id LIMIT %1").arg(limit))) {
         error = reasonOf(query.lastError());
         return all;
@@ -434,13 +447,14 @@ QList<PendingStore::Answer> PendingStore::answers(int limit) const {
 }
 
 bool PendingStore::removeAnswer(qint64 id) {
-    return open && deleteRow(answersTable, id);
+    return remove(answersTable, answersDelivered, id, QStringLiteral("a delivered terminal answer"));
 }
 
 qint64 PendingStore::addOrder(const QString &address, quint16 port, const QByteArray &payload,
                               qint64 arrivedAtMs) {
     if (!open)
         return 0;
+    retryRemovals();
     QSqlQuery query(QSqlDatabase::database(connectionName, false));
     query.prepare(
         QStringLiteral("INSERT INTO orders (arrived_at, address, port, payload) VALUES (?, ?, ?, ?)"));
@@ -449,8 +463,7 @@ qint64 PendingStore::addOrder(const QString &address, quint16 port, const QByteA
     query.addBindValue(port);
     query.addBindValue(payload);
     if (!query.exec()) {
-        logLine(singleLine(QStringLiteral("pending store: a kitchen order could not be kept: ") +
-                           query.lastError().text()));
+        error = reasonOf(query.lastError());
         return 0;
     }
     return query.lastInsertId().toLongLong();
@@ -462,7 +475,7 @@ QList<PendingStore::Order> PendingStore::orders() const {
         return all;
     QSqlQuery query(QSqlDatabase::database(connectionName, false));
     if (!query.exec(QStringLiteral("SELECT id, arrived_at, address, port, payload FROM orders") +
-                    QStringLiteral(" ORDER BY id"))) {
+                    notIn(ordersDelivered) + QStringLiteral(" ORDER BY id"))) {
         error = reasonOf(query.lastError());
         return all;
     }
@@ -473,7 +486,7 @@ QList<PendingStore::Order> PendingStore::orders() const {
 }
 
 bool PendingStore::removeOrder(qint64 id) {
-    return open && deleteRow(ordersTable, id);
+    return remove(ordersTable, ordersDelivered, id, QStringLiteral("a printed kitchen order"));
 }
 
 bool PendingStore::deleteRow(const QString &table, qint64 id) {
@@ -485,6 +498,50 @@ bool PendingStore::deleteRow(const QString &table, qint64 id) {
         return false;
     }
     return true;
+}
+
+bool PendingStore::remove(const QString &table, QSet<qint64> &delivered, qint64 id, const QString &what) {
+    if (!open)
+        return false;
+    retryRemovals();
+    if (deleteRow(table, id)) {
+        delivered.remove(id);
+        return true;
+    }
+    if (use == Use::Inspect)
+        return false;
+    // Delivering it again would be worse than a row left behind: a second approval at the
+    // POS, a second ticket in the kitchen.
+    if (!delivered.contains(id)) {
+        delivered.insert(id);
+        logLine(QStringLiteral("pending store: %1 could not be removed (%2): it is not delivered again, and "
+                               "its removal is retried")
+                    .arg(what, error));
+    }
+    if (!retryTimer && QCoreApplication::instance()) {
+        retryTimer = std::make_unique<QTimer>();
+        retryTimer->setSingleShot(true);
+        retryTimer->setInterval(removalRetryMs);
+        QObject::connect(retryTimer.get(), &QTimer::timeout, retryTimer.get(), [this] { retryRemovals(); });
+    }
+    if (retryTimer && !retryTimer->isActive())
+        retryTimer->start();
+    return false;
+}
+
+void PendingStore::retryRemovals() {
+    for (auto [table, delivered] :
+         {std::pair{answersTable, &answersDelivered}, std::pair{ordersTable, &ordersDelivered}}) {
+        for (auto it = delivered->begin(); it != delivered->end();) {
+            if (deleteRow(table, *it))
+                it = delivered->erase(it);
+            else
+                ++it;
+        }
+    }
+    const bool left = !answersDelivered.isEmpty() || !ordersDelivered.isEmpty();
+    if (retryTimer && left && !retryTimer->isActive())
+        retryTimer->start();
 }
 
 QString describeAge(qint64 ms) {
