@@ -1,18 +1,25 @@
 // Keeping what could not be delivered, as a shop that turns it on sees it: the real service
 // with HOLD_UNDELIVERED_ANSWERS and KITCHEN_RETRY_MINUTES, POS pages that reload, printers
 // that are switched off and on, and SIGKILL in between.
+#include "answercall.h"
 #include "cp949.h"
+#include "localaddresses.h"
 #include "posclient.h"
 #include "printer.h"
 #include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
+#include "smalldisk.h"
 #include "terminalframes.h"
 #include "vendorscripts.h"
 #include "wait.h"
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QRegularExpression>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
 #include <QTcpServer>
 #include <QtTest>
 #include <sys/stat.h>
@@ -65,6 +72,29 @@ QList<QByteArray> printed(const devsim::Printer &printer) {
             jobs << c.received;
     return jobs;
 }
+
+QString answerData(const QString &text) {
+    return jsonObject(text).value("response").toObject().value("data").toString();
+}
+
+QStringList linesStartingWith(ServiceProcess &service, const QString &start) {
+    QStringList found;
+    for (const QString &line : service.stdoutLines())
+        if (line.startsWith(start))
+            found << line;
+    return found;
+}
+
+QByteArray contentsOf(const QString &path) {
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+// A small disk for the service's state, filled up while it runs.
+const qint64 smallDiskBytes = 512 * 1024;
+const QString notRemoved =
+    QStringLiteral("pending store: %1 could not be removed (database or disk is full): it "
+                   "is not delivered again, and its removal is retried");
 
 } // namespace
 
@@ -266,6 +296,215 @@ private slots:
         QVERIFY(service.waitForStdoutLineCount(3, 3000)); // the marker and today's one-line error
         QVERIFY(service.stdoutLines()[2].contains(QStringLiteral("127.0.0.1:%1").arg(port)));
         QVERIFY(!QFileInfo::exists(service.pendingStoreFile()));
+    }
+
+    // A terminal (or anyone on the shop network) answering with no POS to take it: the
+    // newest 100 are kept, each one over that drops the oldest with one line.
+    void aHundredAndTwentyAnswersWithNoPosLeaveTheNewestHundred() {
+        const QStringList addresses = localAddresses();
+        QVERIFY2(!addresses.isEmpty(), "this machine has no non-loopback interface up");
+        ServiceProcess service;
+        QVERIFY(startWith(service, kisOnLoopback + QStringList{holdAnswers}));
+        // As a KICC terminal delivers one: a connection of its own to the answer listener.
+        const auto answerFromTheNetwork = [&](int i) {
+            devsim::AnswerCall call{
+                QHostAddress(addresses.first()), devsim::VendorPort::kicc,
+                devsim::listenerFrame(QStringLiteral("ANSWER %1").arg(i, 3, 10, QChar(u'0')).toLatin1())};
+            return waitUntil([&] { return call.isFinished(); }, 5000) && call.isSent();
+        };
+        // The listener opens with the TCP page, after the gateway: a refused call reached no one.
+        QVERIFY(waitUntil([&] { return answerFromTheNetwork(1); }, 5000));
+        for (int i = 2; i <= 120; ++i)
+            QVERIFY2(answerFromTheNetwork(i), qPrintable(QString::number(i)));
+        const QString dropped =
+            QStringLiteral("held terminal answers are kept 100 at most: the oldest, waiting ");
+        QVERIFY2(waitUntil([&] { return linesStartingWith(service, dropped).size() == 20; }, 10000),
+                 qPrintable(service.stdoutLines().join(u'\n')));
+        for (const QString &line : linesStartingWith(service, dropped))
+            QVERIFY2(line.endsWith(QLatin1String(" s (83 bytes), was dropped unread")) &&
+                         !line.contains("ANSWER"),
+                     qPrintable(line));
+        QCOMPARE(pending(service)
+                     .filter(QRegularExpression(QStringLiteral("^answer waiting .*, 83 bytes$")))
+                     .size(),
+                 100);
+
+        PosClient pos;
+        QVERIFY(pos.open(ServiceProcess::gatewayPort));
+        QVERIFY(waitUntil([&] { return pos.texts.size() == 100; }, 10000));
+        // One more answer now goes behind them: had any older one been left, it would come first.
+        QVERIFY(answerFromTheNetwork(121));
+        QVERIFY(waitUntil([&] { return pos.texts.size() == 101; }, 5000));
+        QStringList expected;
+        for (int i = 21; i <= 121; ++i)
+            expected << QStringLiteral("ANSWER %1").arg(i, 3, 10, QChar(u'0'));
+        QStringList received;
+        for (const QString &text : std::as_const(pos.texts))
+            received << answerData(text);
+        QCOMPARE(received, expected);
+        QCOMPARE(linesStartingWith(service, dropped).size(), 20);
+        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+    }
+
+    // The disk fills after the answer is kept: the first POS gets it, its removal fails, and
+    // a second POS gets nothing but the answer to its own payment.
+    void heldAnswerReachesThePosOnceWhenTheDiskIsFull() {
+        QVERIFY2(geteuid() == 0, "this test mounts a small tmpfs and needs root (CI runs as root)");
+        devsim::ScriptedTerminal kis;
+        slowKis(kis);
+        ServiceProcess service;
+        SmallDisk disk(service.stateHome(), smallDiskBytes);
+        QVERIFY2(disk.isMounted(), qPrintable(disk.error()));
+        QVERIFY(startWith(service, kisOnLoopback + QStringList{holdAnswers}));
+        payThenLeave(service);
+        QVERIFY(answerIsWaiting(service));
+        QVERIFY2(disk.fill(), qPrintable(disk.error()));
+
+        {
+            PosClient reloaded;
+            QVERIFY(reloaded.open(ServiceProcess::gatewayPort));
+            QVERIFY(waitUntil([&] { return !reloaded.texts.isEmpty(); }, 3000));
+            QCOMPARE(jsonObject(reloaded.texts.first()), expectedAnswer(approval, "KIS7430"));
+            reloaded.socket.close();
+            QVERIFY(waitUntil([&] { return reloaded.disconnected; }, 3000));
+        }
+
+        const QString probeApproval = QStringLiteral("승인 완료 9999");
+        kis.setScript(devsim::kisExchange(cp949::encode(probeApproval).value(), 0));
+        PosClient second;
+        QVERIFY(second.open(ServiceProcess::gatewayPort));
+        second.send(terminalFrame("KIS", "\x02PAY\x03"));
+        // Held answers go out right after the handshake, before any frame is read: the answer
+        // to this payment comes after anything held would have.
+        QVERIFY(waitUntil([&] { return !second.texts.isEmpty(); }, 5000));
+        keepRunningFor(300);
+        QCOMPARE(second.texts.size(), 1);
+        QCOMPARE(jsonObject(second.texts.first()), expectedAnswer(probeApproval, "KIS7430"));
+        QCOMPARE(linesStartingWith(service, QStringLiteral("pending store: ")),
+                 QStringList{notRemoved.arg("a delivered terminal answer")});
+
+        // With room again its removal goes through, and nothing is left to deliver.
+        QVERIFY(disk.makeRoom());
+        QVERIFY(waitUntil([&] { return pending(service) == QStringList{"nothing is waiting"}; }, 8000));
+        QCOMPARE(service.stderrLines(), QStringList());
+    }
+
+    // Order A is kept, then the disk fills: order B cannot be kept and says so, yet both are
+    // printed once when the printer comes back, A's removal failing. Once there is room its
+    // removal goes through, and a restart prints nothing again.
+    void ordersArePrintedOnceWhenTheDiskIsFullAndNotAgainAfterARestart() {
+        QVERIFY2(geteuid() == 0, "this test mounts a small tmpfs and needs root (CI runs as root)");
+        const quint16 port = freePort();
+        ServiceProcess service;
+        SmallDisk disk(service.stateHome(), smallDiskBytes);
+        QVERIFY2(disk.isMounted(), qPrintable(disk.error()));
+        PosClient pos;
+        QVERIFY(startRetrying(service, pos));
+        pos.send(kitchenOrderFrame(QStringLiteral("ORDER A\n"), port));
+        QVERIFY(
+            waitUntil([&] { return pending(service).join(u'\n').contains("kitchen order waiting"); }, 5000));
+        QVERIFY2(disk.fill(), qPrintable(disk.error()));
+        pos.send(kitchenOrderFrame(QStringLiteral("ORDER B\n"), port));
+        const QString notKept =
+            QStringLiteral("kitchen printer 127.0.0.1:%1: the order could not be kept (database or "
+                           "disk is full); it is tried all the same, but lost if the service "
+                           "stops first")
+                .arg(port);
+        QVERIFY2(service.waitForStdoutLine(notKept, 5000), qPrintable(service.stdoutLines().join(u'\n')));
+        keepRunningFor(1500); // B's one attempt while the printer is off
+
+        devsim::Printer printer;
+        QVERIFY(printer.listen(port));
+        QVERIFY(waitUntil([&] { return printed(printer).size() == 2; }, 40000));
+        keepRunningFor(2500);
+        QCOMPARE(printed(printer), (QList<QByteArray>{"ORDER A\n", "ORDER B\n"}));
+        QCOMPARE(service.stdoutLines().filter("could not be kept").size(), 1);
+        QCOMPARE(linesStartingWith(service, QStringLiteral("pending store: ")),
+                 QStringList{notRemoved.arg("a printed kitchen order")});
+
+        QVERIFY(disk.makeRoom());
+        QVERIFY(waitUntil([&] { return pending(service) == QStringList{"nothing is waiting"}; }, 8000));
+        service.killHard();
+        QVERIFY(service.start());
+        PosClient afterRestart;
+        QVERIFY(afterRestart.open(ServiceProcess::gatewayPort));
+        // Anything still kept would go out at start, ahead of this one on the same printer.
+        afterRestart.send(kitchenOrderFrame(QStringLiteral("ORDER C\n"), port));
+        QVERIFY(waitUntil([&] { return printed(printer).size() >= 3; }, 10000));
+        keepRunningFor(1000);
+        QCOMPARE(printed(printer), (QList<QByteArray>{"ORDER A\n", "ORDER B\n", "ORDER C\n"}));
+    }
+
+    void damagedStoreIsSetAsideAndTheNextOrderIsKept_data() {
+        QTest::addColumn<bool>("garbage");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("garbage") << true << "file is not a database";
+        QTest::newRow("foreign table layout") << false << "its tables are not the ones Terano Counter writes";
+    }
+    void damagedStoreIsSetAsideAndTheNextOrderIsKept() {
+        QFETCH(bool, garbage);
+        QFETCH(QString, reason);
+        ServiceProcess service;
+        const QString store = service.pendingStoreFile();
+        QVERIFY(QDir().mkpath(QFileInfo(store).absolutePath()));
+        if (garbage) {
+            QFile file(store);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(QByteArray("PK\x03\x04 a zip that was copied over the store\n").repeated(200));
+        } else {
+            QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("foreign"));
+            db.setDatabaseName(store);
+            QVERIFY(db.open());
+            QSqlQuery query(db);
+            for (const char *statement :
+                 {"CREATE TABLE answers (id INTEGER PRIMARY KEY, text TEXT, received TEXT)",
+                  "CREATE TABLE orders (id INTEGER PRIMARY KEY, ticket TEXT)",
+                  "INSERT INTO orders (ticket) VALUES ('SOMEONE ELSE''S ORDER')"})
+                QVERIFY2(query.exec(QString::fromLatin1(statement)), qPrintable(query.lastError().text()));
+        }
+        QSqlDatabase::removeDatabase(QStringLiteral("foreign"));
+        const QByteArray before = contentsOf(store);
+
+        // Looking says why it cannot be read, and leaves the file be.
+        QByteArray out;
+        QByteArray err;
+        QCOMPARE(service.runToEnd({"--pending"}, &out, &err), 1);
+        QCOMPARE(out, QByteArray());
+        QCOMPARE(QString::fromUtf8(err),
+                 QStringLiteral("teranocounter: %1 cannot be read: %2; the service sets it aside "
+                                "and starts a fresh store when it next opens it\n")
+                     .arg(store, reason));
+        QCOMPARE(contentsOf(store), before);
+
+        const quint16 port = freePort();
+        PosClient pos;
+        QVERIFY(startRetrying(service, pos));
+        QVERIFY(service.waitForStdoutLineCount(1, 3000));
+        const QRegularExpression setAside(
+            QStringLiteral(
+                "^pending store %1 cannot be used \\(%2\\): set aside as (%1\\.corrupt-\\d{8}T\\d{6}Z), a "
+                "fresh store is used$")
+                .arg(QRegularExpression::escape(store), QRegularExpression::escape(reason)));
+        const QRegularExpressionMatch match = setAside.match(service.stdoutLines().first());
+        QVERIFY2(match.hasMatch(), qPrintable(service.stdoutLines().first()));
+        QCOMPARE(contentsOf(match.captured(1)), before);
+
+        pos.send(kitchenOrderFrame(QStringLiteral("NEXT ORDER\n"), port));
+        QVERIFY(
+            waitUntil([&] { return pending(service).join(u'\n').contains("kitchen order waiting"); }, 5000));
+        const QStringList listed = pending(service);
+        QCOMPARE(listed.size(), 2);
+        QVERIFY2(listed[0].startsWith(QStringLiteral("kitchen order waiting ")) &&
+                     listed[0].endsWith(QStringLiteral(", printer 127.0.0.1:%1, 11 bytes").arg(port)),
+                 qPrintable(listed[0]));
+        QCOMPARE(listed[1], QStringLiteral("set aside by the service, not read: ") + match.captured(1));
+        devsim::Printer printer;
+        QVERIFY(printer.listen(port));
+        QVERIFY(waitUntil([&] { return printed(printer).size() == 1; }, 10000));
+        keepRunningFor(1500);
+        QCOMPARE(printed(printer), QList<QByteArray>{"NEXT ORDER\n"});
+        QCOMPARE(service.stdoutLines().size(), 2); // the set-aside line and the order's marker
+        QCOMPARE(service.stderrLines(), QStringList());
     }
 
     void pendingListsWhatWaitsWithoutItsContent() {

@@ -239,28 +239,57 @@ void WebSocketViewController::writeResponse(const QPointer<QWebSocket> &session,
     PendingStore *store = PendingStore::shared();
     if (!store)
         return;
-    store->addAnswer(text.toUtf8(), PendingStore::nowMs());
+    const bool kept = store->addAnswer(text.toUtf8(), PendingStore::nowMs()) != 0;
+    if (QWebSocket *open = newestOpenConnection()) {
+        // One the file would not take (a full disk) can still reach a page that is open.
+        if (kept)
+            deliverHeldAnswers(open);
+        else
+            open->sendTextMessage(text);
+    }
+}
+
+QWebSocket *WebSocketViewController::newestOpenConnection() const {
     for (auto it = openConnections.crbegin(); it != openConnections.crend(); ++it)
-        if (*it && (*it)->state() == QAbstractSocket::ConnectedState) {
-            deliverHeldAnswers(*it);
-            break;
-        }
+        if (*it && (*it)->state() == QAbstractSocket::ConnectedState)
+            return *it;
+    return nullptr;
 }
 
 void WebSocketViewController::deliverHeldAnswers(QWebSocket *socket) {
-    PendingStore *store = PendingStore::shared();
-    if (!store)
+    // A page that connects while answers are going out to another does not take the rest
+    // of them: one POS gets them all, in order.
+    const bool delivering = heldAnswerQueued && heldAnswersTarget &&
+                            heldAnswersTarget->state() == QAbstractSocket::ConnectedState;
+    if (!delivering)
+        heldAnswersTarget = socket;
+    if (heldAnswerQueued)
         return;
-    for (const PendingStore::Answer &answer : store->answers()) {
-        const qint64 age = PendingStore::nowMs() - answer.storedAtMs;
-        if (age > heldAnswerLifetimeMs) {
-            logLine(
-                QStringLiteral("a held terminal answer was dropped unread after %1").arg(describeAge(age)));
-        } else {
-            socket->sendTextMessage(QString::fromUtf8(answer.json));
-        }
-        store->removeAnswer(answer.id);
-    }
+    heldAnswerQueued = true;
+    QMetaObject::invokeMethod(this, &WebSocketViewController::deliverNextHeldAnswer, Qt::QueuedConnection);
+}
+
+// One answer per turn of the event loop: a handshake or a frame that comes meanwhile is
+// served between two of them, and a crash can repeat at most the one whose removal it cut.
+void WebSocketViewController::deliverNextHeldAnswer() {
+    heldAnswerQueued = false;
+    PendingStore *store = PendingStore::shared();
+    QWebSocket *socket = heldAnswersTarget;
+    if (!socket || socket->state() != QAbstractSocket::ConnectedState)
+        socket = newestOpenConnection(); // the page went half way through: the rest go to the newest
+    if (!store || !socket)
+        return; // what is left waits for the next connection
+    const QList<PendingStore::Answer> next = store->answers(1);
+    if (next.isEmpty())
+        return;
+    const PendingStore::Answer &answer = next.first();
+    const qint64 age = PendingStore::nowMs() - answer.storedAtMs;
+    if (age > heldAnswerLifetimeMs)
+        logLine(QStringLiteral("a held terminal answer was dropped unread after %1").arg(describeAge(age)));
+    else
+        socket->sendTextMessage(QString::fromUtf8(answer.json));
+    store->removeAnswer(answer.id);
+    deliverHeldAnswers(socket);
 }
 
 bool WebSocketViewController::holdUndeliveredAnswers() {

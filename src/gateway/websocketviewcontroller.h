@@ -76,7 +76,11 @@ public:
 
 private:
     void writeResponse(const QPointer<QWebSocket> &session, const QString &text);
+    // Held answers go to `socket` (the newest connection asked for them) after its handshake
+    // is out, one per turn of the event loop.
     void deliverHeldAnswers(QWebSocket *socket);
+    void deliverNextHeldAnswer();
+    QWebSocket *newestOpenConnection() const;
     QHostAddress listenAddress() const;
     bool originAllowed(const QByteArray &origin);
     // `what` starts the line: a refused handshake, or a page let in earlier and now closed.
@@ -91,5 +95,7 @@ private:
     QList<QPointer<QWebSocket>> openConnections; // upgraded and not yet gone, oldest first
     QMutex sessionMutex;
     NotificationCenter::Token responseObserver = 0;
+    QPointer<QWebSocket> heldAnswersTarget;
+    bool heldAnswerQueued = false;
     QSet<QString> notPinned; // origins WEBSOCKET_PIN_FIRST_ORIGIN has said it will not pin
 };

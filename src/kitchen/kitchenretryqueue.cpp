@@ -79,8 +79,14 @@ bool KitchenRetryQueue::enqueue(const QString &address, quint16 port, const QByt
     minutes = *configured;
     PendingStore::Order order{0, PendingStore::nowMs(), address, port, payload};
     order.id = store->addOrder(address, port, payload, order.arrivedAtMs);
+    // Not on disk (a full disk, say), it still goes out as any other, retried the same way:
+    // only a crash or a restart before it is printed loses it.
     if (order.id == 0)
-        return false;
+        logLine(singleLine(QStringLiteral("kitchen printer %1:%2: the order could not be kept (%3); it is "
+                                          "tried all the same, but lost if the service stops first")
+                               .arg(address)
+                               .arg(port)
+                               .arg(store->errorString())));
     Printer &printer = printerFor(address, port);
     printer.queue.append(order);
     if (!printer.busy && !printer.timer->isActive())
@@ -116,7 +122,7 @@ void KitchenRetryQueue::sendNext(Printer &printer) {
                            .arg(printer.address)
                            .arg(printer.port)
                            .arg(describeAge(age))));
-        if (store)
+        if (store && head.id)
             store->removeOrder(head.id);
         printer.queue.removeFirst();
         printer.nextRetryMs = firstRetryMs;
@@ -124,7 +130,7 @@ void KitchenRetryQueue::sendNext(Printer &printer) {
     // Orders kept by an earlier run, or before the printer left KITCHEN_ALLOWED_PRINTERS, go
     // only where the list allows now.
     while (!printer.queue.isEmpty() && !PrinterAllowList::permits(printer.address, printer.port)) {
-        if (store)
+        if (store && printer.queue.first().id)
             store->removeOrder(printer.queue.first().id);
         printer.queue.removeFirst();
         printer.nextRetryMs = firstRetryMs;
@@ -141,7 +147,9 @@ void KitchenRetryQueue::sendNext(Printer &printer) {
 void KitchenRetryQueue::delivered(Printer &printer, bool ok) {
     printer.busy = false;
     if (ok) {
-        if (PendingStore *store = PendingStore::shared())
+        // A removal the file refuses is remembered by the store: the order is not sent again.
+        PendingStore *store = PendingStore::shared();
+        if (store && printer.queue.first().id)
             store->removeOrder(printer.queue.first().id);
         printer.queue.removeFirst();
         printer.nextRetryMs = firstRetryMs;

@@ -33,8 +33,9 @@ public:
     // kept (the first attempt at once).
     void resumeAtStart();
 
-    // Keeps the order and sends it when its turn comes. False when orders are not kept
-    // (setting off, or no store): the caller sends it once, as without this queue.
+    // Keeps the order and sends it when its turn comes; one the file will not take is sent
+    // and retried all the same, from memory. False when orders are not kept (setting off, or
+    // no store): the caller sends it once, as without this queue.
     bool enqueue(const QString &address, quint16 port, const QByteArray &payload);
 
 private:

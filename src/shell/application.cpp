@@ -66,14 +66,22 @@ int runSettingsChores(const CommandLine &line) {
 }
 
 // What is waiting to be delivered: kind, age and size or printer, never the content (it
-// holds payment answers and orders).
+// holds payment answers and orders). It only looks: a file the service would set aside is
+// named with the reason and left as it is.
 int runPendingChores(const CommandLine &line) {
     const QString path = PendingStore::defaultPath();
     if (!QFileInfo::exists(path)) {
         printLine(stdout, QStringLiteral("nothing is waiting (%1 does not exist)").arg(path));
         return 0;
     }
-    PendingStore store(path);
+    PendingStore store(path, PendingStore::Use::Inspect);
+    if (store.isUnusable()) {
+        printLine(stderr,
+                  QStringLiteral("teranocounter: %1 cannot be read: %2; the service sets it aside and "
+                                 "starts a fresh store when it next opens it")
+                      .arg(path, store.errorString()));
+        return 1;
+    }
     if (!store.isOpen()) {
         printLine(stderr,
                   QStringLiteral("teranocounter: %1 cannot be opened: %2").arg(path, store.errorString()));
@@ -82,6 +90,11 @@ int runPendingChores(const CommandLine &line) {
     const qint64 now = PendingStore::nowMs();
     const QList<PendingStore::Answer> answers = store.answers();
     const QList<PendingStore::Order> orders = store.orders();
+    if (!store.errorString().isEmpty()) {
+        printLine(stderr,
+                  QStringLiteral("teranocounter: %1 cannot be read: %2").arg(path, store.errorString()));
+        return 1;
+    }
     for (const PendingStore::Answer &answer : answers)
         printLine(stdout, QStringLiteral("answer waiting %1, %2 bytes")
                               .arg(describeAge(now - answer.storedAtMs))
@@ -93,14 +106,24 @@ int runPendingChores(const CommandLine &line) {
                               .arg(order.payload.size()));
     if (answers.isEmpty() && orders.isEmpty())
         printLine(stdout, QStringLiteral("nothing is waiting"));
+    for (const QString &aside : store.setAsideFiles())
+        printLine(stdout, QStringLiteral("set aside by the service, not read: %1").arg(aside));
     if (line.clearPending) {
+        qsizetype answersRemoved = 0;
+        qsizetype ordersRemoved = 0;
         for (const PendingStore::Answer &answer : answers)
-            store.removeAnswer(answer.id);
+            answersRemoved += store.removeAnswer(answer.id) ? 1 : 0;
         for (const PendingStore::Order &order : orders)
-            store.removeOrder(order.id);
+            ordersRemoved += store.removeOrder(order.id) ? 1 : 0;
         printLine(stdout, QStringLiteral("removed %1 answers and %2 kitchen orders")
-                              .arg(answers.size())
-                              .arg(orders.size()));
+                              .arg(answersRemoved)
+                              .arg(ordersRemoved));
+        if (answersRemoved + ordersRemoved < answers.size() + orders.size()) {
+            printLine(stderr, QStringLiteral("teranocounter: %1 could not be removed: %2")
+                                  .arg(answers.size() + orders.size() - answersRemoved - ordersRemoved)
+                                  .arg(store.errorString()));
+            return 1;
+        }
     }
     return 0;
 }
