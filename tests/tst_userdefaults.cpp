@@ -1,3 +1,4 @@
+#include "processusage.h"
 #include "userdefaults.h"
 
 #include <QDir>
@@ -6,21 +7,6 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
-
-namespace {
-
-// Every byte this process has taken in through read() and its kin.
-qint64 bytesReadByThisProcess() {
-    QFile io(QStringLiteral("/proc/self/io"));
-    if (!io.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : io.readAll().split('\n'))
-        if (line.startsWith("rchar:"))
-            return line.mid(6).trimmed().toLongLong();
-    return -1;
-}
-
-} // namespace
 
 class UserDefaultsTest : public QObject {
     Q_OBJECT
@@ -115,14 +101,14 @@ private slots:
     void readsOfAnUnchangedFileDoNotLoadItAgain() {
         UserDefaults::standard().setValue(QStringLiteral("NOTE"), QString(16 * 1024, u'n'));
         QVERIFY(UserDefaults::standard().value(QStringLiteral("NOTE")));
-        const qint64 before = bytesReadByThisProcess();
+        const qint64 before = ProcessUsage::bytesRead(QCoreApplication::applicationPid());
         // For long enough that the file system's clock (a few milliseconds a tick) moves on.
         QElapsedTimer clock;
         clock.start();
         int reads = 0;
         for (; clock.elapsed() < 100 || reads < 100; ++reads)
             QVERIFY(UserDefaults::standard().value(QStringLiteral("NOTE")));
-        const qint64 read = bytesReadByThisProcess() - before;
+        const qint64 read = ProcessUsage::bytesRead(QCoreApplication::applicationPid()) - before;
         QVERIFY2(read < 16 * 1024,
                  qPrintable(QStringLiteral("%1 bytes read for %2 reads").arg(read).arg(reads)));
         UserDefaults::standard().remove(QStringLiteral("NOTE"));
