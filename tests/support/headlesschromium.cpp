@@ -56,13 +56,17 @@ bool HeadlessChromium::start(const QUrl &page, int timeoutMs) {
     env.remove(QStringLiteral("DISPLAY"));
     env.remove(QStringLiteral("WAYLAND_DISPLAY"));
     process.setProcessEnvironment(env);
-    process.start(binary,
-                  {QStringLiteral("--headless"), QStringLiteral("--no-sandbox"), // root has no sandbox
-                   QStringLiteral("--disable-gpu"), QStringLiteral("--disable-quic"),
-                   QStringLiteral("--no-first-run"), QStringLiteral("--disable-background-networking"),
-                   QStringLiteral("--disable-component-update"), QStringLiteral("--disable-sync"),
-                   QStringLiteral("--user-data-dir=") + profile.path() + QStringLiteral("/data"),
-                   QStringLiteral("--remote-debugging-port=0"), page.toString()});
+    QStringList arguments{QStringLiteral("--headless"),
+                          QStringLiteral("--no-sandbox"), // root has no sandbox
+                          QStringLiteral("--disable-gpu"),
+                          QStringLiteral("--disable-quic"),
+                          QStringLiteral("--no-first-run"),
+                          QStringLiteral("--disable-background-networking"),
+                          QStringLiteral("--disable-component-update"),
+                          QStringLiteral("--disable-sync"),
+                          QStringLiteral("--user-data-dir=") + profile.path() + QStringLiteral("/data"),
+                          QStringLiteral("--remote-debugging-port=0")};
+    process.start(binary, arguments + extraArguments + QStringList{page.toString()});
     if (!process.waitForStarted(10000))
         return fail(QStringLiteral("cannot start %1: %2").arg(binary, process.errorString()));
 

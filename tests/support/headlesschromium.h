@@ -20,6 +20,10 @@ public:
     HeadlessChromium();
     ~HeadlessChromium();
 
+    // Added to the browser's command line before the page, for what a test needs of it
+    // (--ip-address-space-overrides, --ignore-certificate-errors).
+    QStringList extraArguments;
+
     // Starts the browser on `page` and attaches to that page. On failure, error() says
     // why in one line.
     bool start(const QUrl &page, int timeoutMs = 30000);
