@@ -101,6 +101,37 @@ private slots:
         QVERIFY(
             parseCommandLine({"teranocounter", "--allow-origin", "http://pos.example"}).warnings.isEmpty());
     }
+
+    void browserPolicyTakesOriginsUpToTheNextOption() {
+        const CommandLine line = parseCommandLine(
+            {"teranocounter", "--browser-policy", "https://pos.example.com", "http://192.168.0.20:8080"});
+        QVERIFY(line.error.isEmpty());
+        QVERIFY(line.browserPolicy);
+        QVERIFY(!line.removeBrowserPolicy);
+        QCOMPARE(line.policyOrigins, QStringList({"https://pos.example.com", "http://192.168.0.20:8080"}));
+
+        const CommandLine none = parseCommandLine({"teranocounter", "--browser-policy"});
+        QVERIFY(none.error.isEmpty());
+        QVERIFY(none.browserPolicy && none.policyOrigins.isEmpty());
+
+        const CommandLine remove = parseCommandLine({"teranocounter", "--browser-policy", "--remove"});
+        QVERIFY(remove.error.isEmpty());
+        QVERIFY(remove.browserPolicy && remove.removeBrowserPolicy);
+    }
+
+    void browserPolicyMistakesAreReported() {
+        QCOMPARE(parseCommandLine({"teranocounter", "--browser-policy", "https://pos.example.com/"}).error,
+                 QStringLiteral("--browser-policy: a browser sends \"https://pos.example.com/\" as "
+                                "\"https://pos.example.com\": write that"));
+        QCOMPARE(parseCommandLine({"teranocounter", "--remove"}).error,
+                 QStringLiteral("--remove goes with --browser-policy"));
+        QCOMPARE(
+            parseCommandLine({"teranocounter", "--browser-policy", "https://pos.example.com", "--remove"})
+                .error,
+            QStringLiteral("--browser-policy --remove takes no origins"));
+        QCOMPARE(parseCommandLine({"teranocounter", "--browser-policy", "--lock-down"}).error,
+                 QStringLiteral("--browser-policy goes alone (with --remove or its origins)"));
+    }
 };
 
 QTEST_APPLESS_MAIN(CommandLineTest)

@@ -8,7 +8,9 @@
 #include "websocketviewcontroller.h"
 
 #include <QApplication>
+#include <QClipboard>
 #include <QLabel>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QTemporaryDir>
 #include <QWebSocket>
@@ -82,6 +84,56 @@ private slots:
                  qPrintable(lines.first()));
         for (const QString &key : keys)
             UserDefaults::standard().remove(key);
+    }
+
+    void aPublicPosPageIsGivenTheCommandThatLetsItThrough() {
+        // Nothing connected, nothing allowed: nothing to say.
+        QVERIFY(page->browserPolicyLabel()->isHidden());
+        QVERIFY(page->browserPolicyCommandField()->isHidden());
+        QVERIFY(page->copyCommandButton()->isHidden());
+
+        QWebSocket pos(QStringLiteral("https://pos.example.com"));
+        QVERIFY(connectPos(pos));
+        QVERIFY(waitUntil([&] { return !page->browserPolicyCommandField()->isHidden(); }, 3000));
+        const QString command = QStringLiteral("sudo teranocounter --browser-policy https://pos.example.com");
+        QCOMPARE(page->browserPolicyLabel()->text(),
+                 QStringLiteral("브라우저가 연결을 묻지 않게 하려면 터미널에서:"));
+        QCOMPARE(page->browserPolicyCommandField()->text(), command);
+        QVERIFY(page->browserPolicyCommandField()->isReadOnly());
+        QVERIFY(!page->copyCommandButton()->isHidden());
+
+        QGuiApplication::clipboard()->clear();
+        QTest::mouseClick(page->copyCommandButton(), Qt::LeftButton);
+        QCOMPARE(QGuiApplication::clipboard()->text(), command);
+
+        // Once the POS is gone, the pinned origin still needs the policy; the command keeps
+        // every allowed site, since it replaces the browsers' list.
+        UserDefaults::standard().setValue(allowedKey,
+                                          QStringLiteral("https://pos.example.com,null,") + posOrigin);
+        pos.close();
+        QVERIFY(waitUntil(
+            [&] { return page->posOriginLabel()->text() == QStringLiteral("POS Origin: 연결 없음"); }, 3000));
+        QCOMPARE(page->browserPolicyCommandField()->text(),
+                 QStringLiteral("sudo teranocounter --browser-policy https://pos.example.com ") + posOrigin);
+    }
+
+    void aPageOfThisComputerNeedsNoCommand_data() {
+        QTest::addColumn<QString>("origin");
+        QTest::newRow("file") << QStringLiteral("null");
+        QTest::newRow("localhost") << QStringLiteral("http://localhost:8080");
+        QTest::newRow("loopback") << QStringLiteral("http://127.0.0.1:5173");
+        QTest::newRow("IPv6 loopback") << QStringLiteral("http://[::1]:8080");
+    }
+
+    void aPageOfThisComputerNeedsNoCommand() {
+        QFETCH(QString, origin);
+        QWebSocket local(origin);
+        QVERIFY(connectPos(local));
+        QVERIFY(waitUntil([&] { return !page->browserPolicyLabel()->isHidden(); }, 3000));
+        QCOMPARE(page->browserPolicyLabel()->text(),
+                 QStringLiteral("이 컴퓨터의 페이지라 브라우저 허용 설정이 필요 없습니다"));
+        QVERIFY(page->browserPolicyCommandField()->isHidden());
+        QVERIFY(page->copyCommandButton()->isHidden());
     }
 
     void pinButtonWritesTheConnectedPosOriginAndClearOpensAgain() {

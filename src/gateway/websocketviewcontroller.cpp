@@ -415,6 +415,7 @@ void WebSocketViewController::showOriginState() {
                                     !allowed.contains(*origin));
     if (clearOriginsButton)
         clearOriginsButton->setEnabled(!allowed.isEmpty());
+    emit originStateChanged();
 }
 
 void WebSocketViewController::showRefusedOrigins() {

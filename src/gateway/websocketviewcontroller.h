@@ -74,6 +74,10 @@ public:
     static constexpr qint64 heldAnswerLifetimeMs = 24LL * 60 * 60 * 1000;
     static bool holdUndeliveredAnswers();
 
+signals:
+    // The connected POS or the allowed origins changed; posOrigin() tells the new state.
+    void originStateChanged();
+
 private:
     void writeResponse(const QPointer<QWebSocket> &session, const QString &text);
     // Held answers go to `socket` (the newest connection asked for them) after its handshake

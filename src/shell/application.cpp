@@ -1,6 +1,7 @@
 #include "application.h"
 
 #include "appdelegate.h"
+#include "browserpolicy.h"
 #include "commandline.h"
 #include "kitchenretryqueue.h"
 #include "lockdown.h"
@@ -22,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -128,6 +130,45 @@ int runPendingChores(const CommandLine &line) {
     return 0;
 }
 
+// Writes (or removes) the browsers' policy files. Errors go to standard error and the other
+// browsers are still done: one browser's read-only folder must not leave the rest unset.
+int runBrowserPolicyChore(const CommandLine &line) {
+    QStringList origins = line.policyOrigins;
+    if (!line.removeBrowserPolicy && origins.isEmpty()) {
+        origins = BrowserPolicy::originsFromSettings();
+        if (origins.isEmpty()) {
+            printLine(stderr, QStringLiteral("teranocounter: --browser-policy: no origin given and %1 lists "
+                                             "none: name the POS page's origin, as in --browser-policy "
+                                             "https://pos.example.com")
+                                  .arg(OriginPolicy::allowedKey));
+            return 2;
+        }
+    }
+    const QString root = BrowserPolicy::rootFromEnvironment();
+    if (root.isEmpty() && geteuid() != 0) {
+        // sudo reads root's settings, not this user's: the origins are spelt out.
+        const QStringList again =
+            QStringList{QStringLiteral("--browser-policy")} +
+            (line.removeBrowserPolicy ? QStringList{QStringLiteral("--remove")} : origins);
+        printLine(stderr, QStringLiteral("teranocounter: --browser-policy writes the browsers' policies "
+                                         "under /etc, which needs root: run %1")
+                              .arg(BrowserPolicy::sudoCommand(BrowserPolicy::programPath(), again)));
+        return 2;
+    }
+    const QList<BrowserPolicy::Outcome> outcomes =
+        line.removeBrowserPolicy ? BrowserPolicy::remove(root) : BrowserPolicy::write(origins, root);
+    int status = 0;
+    for (const BrowserPolicy::Outcome &outcome : outcomes) {
+        if (outcome.ok) {
+            printLine(stdout, outcome.line);
+        } else {
+            printLine(stderr, QStringLiteral("teranocounter: ") + outcome.line);
+            status = 1;
+        }
+    }
+    return status;
+}
+
 // Qt wants a private runtime directory and complains on standard error when the session
 // has none (a bare `su`, a container, a test with its own HOME). Give it a fresh private
 // one, quietly, so standard error carries only what matters.
@@ -180,6 +221,8 @@ int runTeranoCounter(int argc, char **argv) {
         return runSettingsChores(line);
     if (line.listPending)
         return runPendingChores(line);
+    if (line.browserPolicy)
+        return runBrowserPolicyChore(line);
 
     raiseDescriptorLimit();
     const bool offscreen = line.headless || !haveDisplay();

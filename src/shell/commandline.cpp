@@ -14,6 +14,26 @@ CommandLine parseCommandLine(const QStringList &arguments) {
             line.listPending = true;
         } else if (argument == QLatin1String("--lock-down")) {
             line.lockDown = true;
+        } else if (argument == QLatin1String("--browser-policy")) {
+            line.browserPolicy = true;
+            // The origins follow, up to the next option.
+            while (i + 1 < arguments.size() && !arguments[i + 1].startsWith(u'-')) {
+                const QString &origin = arguments[++i];
+                // Checked as --allow-origin checks them: the policy names a site as the
+                // browser sends its origin, and a form it never sends lets nothing through.
+                if (const std::optional<QString> problem = OriginPolicy::originProblem(origin)) {
+                    line.error = QStringLiteral("--browser-policy: ") + *problem;
+                    return line;
+                }
+                if (origin == QLatin1String("null")) {
+                    line.error = QStringLiteral("--browser-policy: null cannot be named in a policy; "
+                                                "a local file's page needs none");
+                    return line;
+                }
+                line.policyOrigins << origin;
+            }
+        } else if (argument == QLatin1String("--remove")) {
+            line.removeBrowserPolicy = true;
         } else if (argument == QLatin1String("--clear")) {
             line.clearPending = true;
         } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
@@ -79,13 +99,21 @@ CommandLine parseCommandLine(const QStringList &arguments) {
     }
     if (line.clearPending && !line.listPending)
         line.error = QStringLiteral("--clear goes with --pending");
+    else if (line.removeBrowserPolicy && !line.browserPolicy)
+        line.error = QStringLiteral("--remove goes with --browser-policy");
+    else if (line.removeBrowserPolicy && !line.policyOrigins.isEmpty())
+        line.error = QStringLiteral("--browser-policy --remove takes no origins");
+    else if (line.browserPolicy &&
+             (line.headless || line.printSettings || line.listPending || line.lockDown ||
+              !line.settingsToWrite.isEmpty() || !line.originsToAllow.isEmpty()))
+        line.error = QStringLiteral("--browser-policy goes alone (with --remove or its origins)");
     return line;
 }
 
 QString usageText() {
     return QStringLiteral(
         "Usage: teranocounter [--headless] [--set KEY=VALUE]... [--allow-origin ORIGIN]... [--settings]\n"
-        "                     [--pending [--clear]] [--lock-down]\n"
+        "                     [--pending [--clear]] [--lock-down] [--browser-policy [ORIGIN... | --remove]]\n"
         "  --headless        run without a tray icon (also chosen when no system tray is available)\n"
         "  --set KEY=VALUE   write a setting and exit (repeatable), e.g. --set MAIN_INTERFACE=TCP\n"
         "  --allow-origin ORIGIN  let only pages from ORIGIN (and those already listed) connect,\n"
@@ -96,5 +124,11 @@ QString usageText() {
         "  --pending --clear the same, then remove them\n"
         "  --lock-down       turn on the protections recommended for a shop, print each KEY=VALUE\n"
         "                    written, then exit: WEBSOCKET_PIN_FIRST_ORIGIN, TERMINAL_ANSWER_PEERS,\n"
-        "                    KITCHEN_ALLOWED_PRINTERS, HOLD_UNDELIVERED_ANSWERS, KITCHEN_RETRY_MINUTES\n");
+        "                    KITCHEN_ALLOWED_PRINTERS, HOLD_UNDELIVERED_ANSWERS, KITCHEN_RETRY_MINUTES\n"
+        "  --browser-policy ORIGIN...  let pages from ORIGIN open the service without a prompt in\n"
+        "                    Chromium, Google Chrome, Microsoft Edge and Brave (the managed policy\n"
+        "                    LocalNetworkAccessAllowedForUrls; a new list replaces the earlier one),\n"
+        "                    print each file written, then exit; needs root. Without ORIGIN: the\n"
+        "                    origins in WEBSOCKET_ALLOWED_ORIGINS\n"
+        "  --browser-policy --remove  remove those policy files, then exit; needs root\n");
 }

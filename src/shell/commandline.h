@@ -12,6 +12,9 @@ struct CommandLine {
     bool listPending = false;                       // --pending
     bool clearPending = false;                      // --pending --clear
     bool lockDown = false;                          // --lock-down
+    bool browserPolicy = false;                     // --browser-policy
+    bool removeBrowserPolicy = false;               // --browser-policy --remove
+    QStringList policyOrigins;                      // the origins after --browser-policy
     QList<QPair<QString, QString>> settingsToWrite; // from --set KEY=VALUE, in order
     QStringList originsToAllow;                     // from --allow-origin, in order; "" clears the list
     QStringList warnings;                           // said on standard error; the command still runs

@@ -1,10 +1,15 @@
 #include "gatewaypage.h"
 
+#include "browserpolicy.h"
 #include "lockdown.h"
 #include "log.h"
+#include "originpolicy.h"
 
+#include <QClipboard>
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -15,10 +20,11 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
       pinButton(new QPushButton(QStringLiteral("이 POS만 허용"), this)),
       clearButton(new QPushButton(QStringLiteral("허용 목록 비우기"), this)),
       protectionLabel(new QLabel(this)),
-      protectButton(new QPushButton(QStringLiteral("보호 설정 켜기"), this)), statusOutlet(statusLabel),
-      connectionOutlet(connectionLabel), originOutlet(originLabel), allowedOutlet(allowedLabel),
-      refusedOutlet(refusedLabel), pinOutlet(pinButton), clearOutlet(clearButton),
-      viewController(std::make_unique<WebSocketViewController>(port)) {
+      protectButton(new QPushButton(QStringLiteral("보호 설정 켜기"), this)), policyLabel(new QLabel(this)),
+      policyField(new QLineEdit(this)), copyButton(new QPushButton(QStringLiteral("복사"), this)),
+      statusOutlet(statusLabel), connectionOutlet(connectionLabel), originOutlet(originLabel),
+      allowedOutlet(allowedLabel), refusedOutlet(refusedLabel), pinOutlet(pinButton),
+      clearOutlet(clearButton), viewController(std::make_unique<WebSocketViewController>(port)) {
     auto *layout = new QVBoxLayout(this);
     auto *title = new QLabel(
         QStringLiteral("POS 게이트웨이 (ws://127.0.0.1:%1/)").arg(WebSocketViewController::defaultPort),
@@ -38,9 +44,14 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     protections->addWidget(protectionLabel, 1);
     protections->addWidget(protectButton);
     layout->addLayout(protections);
+    layout->addWidget(policyLabel);
+    auto *command = new QHBoxLayout;
+    command->addWidget(policyField, 1);
+    command->addWidget(copyButton);
+    layout->addLayout(command);
 
     // Origins are text from outside: shown as text, never as rich text, and free to wrap.
-    for (QLabel *label : {originLabel, allowedLabel, refusedLabel, protectionLabel}) {
+    for (QLabel *label : {originLabel, allowedLabel, refusedLabel, protectionLabel, policyLabel}) {
         label->setTextFormat(Qt::PlainText);
         label->setWordWrap(true);
     }
@@ -51,6 +62,12 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
                        "단말기 주소에서만, 주방 프린터는 이 컴퓨터의 네트워크만, 응답 보관, "
                        "주방 주문 재시도"));
     connect(protectButton, &QPushButton::clicked, this, &GatewayPage::lockDownClicked);
+    policyField->setReadOnly(true); // still selectable, for a copy by hand
+    policyField->setToolTip(QStringLiteral("Chromium, Chrome, Edge, Brave에 관리 정책 "
+                                           "LocalNetworkAccessAllowedForUrls를 씁니다"));
+    copyButton->setToolTip(QStringLiteral("명령을 클립보드에 복사합니다"));
+    connect(copyButton, &QPushButton::clicked, this,
+            [this] { QGuiApplication::clipboard()->setText(policyField->text()); });
 
     WebSocketViewController &c = *viewController;
     c.websocketLabel = &statusOutlet;
@@ -62,8 +79,10 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     c.clearOriginsButton = &clearOutlet;
     connect(pinButton, &QPushButton::clicked, this, [&c] { c.pinOriginClicked(); });
     connect(clearButton, &QPushButton::clicked, this, [&c] { c.clearOriginsClicked(); });
+    connect(&c, &WebSocketViewController::originStateChanged, this, &GatewayPage::showBrowserPolicy);
     c.viewDidLoad();
     showProtections();
+    showBrowserPolicy();
 }
 
 GatewayPage::~GatewayPage() = default;
@@ -89,4 +108,33 @@ void GatewayPage::lockDownClicked() {
                        written.join(QStringLiteral(", "))));
     viewController->viewDidAppear();
     showProtections();
+}
+
+void GatewayPage::showBrowserPolicy() {
+    // The POS shown first, then the origins allowed: the command replaces the browsers'
+    // list, so it must keep every site the shop lets in.
+    QStringList origins;
+    const std::optional<QString> connected = viewController->posOrigin();
+    if (connected && !connected->isEmpty()) // a client without Origin is no browser page
+        origins << *connected;
+    for (const QString &origin : OriginPolicy::allowedOrigins())
+        if (!origins.contains(origin))
+            origins << origin;
+    QStringList needed;
+    for (const QString &origin : origins)
+        if (!BrowserPolicy::isLocalOrigin(origin) && !OriginPolicy::originProblem(origin))
+            needed << origin;
+
+    const bool local = needed.isEmpty() && !origins.isEmpty();
+    policyLabel->setVisible(!origins.isEmpty());
+    policyField->setVisible(!needed.isEmpty());
+    copyButton->setVisible(!needed.isEmpty());
+    if (local)
+        policyLabel->setText(QStringLiteral("이 컴퓨터의 페이지라 브라우저 허용 설정이 필요 없습니다"));
+    else if (!needed.isEmpty())
+        policyLabel->setText(QStringLiteral("브라우저가 연결을 묻지 않게 하려면 터미널에서:"));
+    else
+        policyLabel->clear();
+    policyField->setText(needed.isEmpty() ? QString() : BrowserPolicy::commandFor(needed));
+    policyField->setCursorPosition(0);
 }

@@ -8,12 +8,15 @@
 #include <memory>
 
 class QLabel;
+class QLineEdit;
 class QPushButton;
 
 // The popover's gateway page: shows whether the POS server is up, which site the connected
 // POS page comes from, which sites may connect, and the latest refused ones; its buttons
 // pin the connected POS's site or clear the list, and one turns on every protection we
-// recommend for a shop. Loading the page is what starts the server.
+// recommend for a shop. For a POS page from a public site it shows the command that lets
+// the browsers connect it without asking the cashier. Loading the page is what starts the
+// server.
 class GatewayPage : public QWidget {
     Q_OBJECT
 public:
@@ -33,11 +36,16 @@ public:
     QPushButton *clearOriginsButton() const { return clearButton; }
     QLabel *protectionsLabel() const { return protectionLabel; }
     QPushButton *lockDownButton() const { return protectButton; }
+    QLabel *browserPolicyLabel() const { return policyLabel; }
+    QLineEdit *browserPolicyCommandField() const { return policyField; }
+    QPushButton *copyCommandButton() const { return copyButton; }
 
 private:
     // Whether the recommended protections are on, and the button that turns them on.
     void showProtections();
     void lockDownClicked();
+    // The command for the browsers' policy, for the POS shown and the origins allowed.
+    void showBrowserPolicy();
 
     QLabel *statusLabel;
     QLabel *connectionLabel;
@@ -48,6 +56,9 @@ private:
     QPushButton *clearButton;
     QLabel *protectionLabel;
     QPushButton *protectButton;
+    QLabel *policyLabel;
+    QLineEdit *policyField;
+    QPushButton *copyButton;
     LabelOutlet statusOutlet;
     LabelOutlet connectionOutlet;
     LabelOutlet originOutlet;
