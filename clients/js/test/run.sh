@@ -11,8 +11,7 @@ if node --experimental-websocket -e '' 2>/dev/null; then
     flags+=(--experimental-websocket)
 fi
 if ! node "${flags[@]}" -e 'process.exit(typeof WebSocket === "function" ? 0 : 1)'; then
-    echo "node $(node --version) has no WebSocket client; the client's tests need Node 20.10 or later" >&2
-    exit 1
+    echo "node $(node --version) has no WebSocket client: the tests give the module one of their own"
 fi
 cd "$here"
 exec node "${flags[@]}" --test cp949.test.mjs frames.test.mjs service.test.mjs

@@ -7,6 +7,12 @@ import { tmpdir } from "node:os";
 import path from "node:path";
 import { fileURLToPath } from "node:url";
 
+import { PlainWebSocket } from "./plain-websocket.mjs";
+
+// Debian 12's Node 18 has no WebSocket client: the module then uses the test's own, as a page
+// would use its browser's.
+if (typeof globalThis.WebSocket !== "function") globalThis.WebSocket = PlainWebSocket;
+
 export const binDir =
   process.env.TERANOCOUNTER_BIN_DIR ?? fileURLToPath(new URL("../../../build/bin/", import.meta.url));
 
