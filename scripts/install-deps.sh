@@ -10,6 +10,10 @@ if [[ "${1:-}" == "--test" ]]; then
     packages+=(clang libclang-rt-14-dev chromium iproute2)
     # tst_desktop: its own X server, window manager and tray panel, driven from outside.
     packages+=(xvfb trayer openbox xdotool x11-utils imagemagick)
+    # The JavaScript POS client's tests. A Node.js from elsewhere (NodeSource) is also called
+    # nodejs and carries its own npm, which conflicts with Debian's npm package.
+    packages+=(nodejs)
+    command -v npm >/dev/null || packages+=(npm)
 fi
 
 missing=()
