@@ -8,6 +8,8 @@ packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-websockets-dev qt6-s
     libsimdjson-dev fonts-nanum)
 if [[ "${1:-}" == "--test" ]]; then
     packages+=(clang libclang-rt-14-dev chromium iproute2)
+    # tst_localnetworkaccess: a self-signed certificate for its HTTPS POS site.
+    packages+=(openssl)
     # tst_desktop: its own X server, window manager and tray panel, driven from outside.
     packages+=(xvfb trayer openbox xdotool x11-utils imagemagick)
     # The JavaScript POS client's tests. A Node.js from elsewhere (NodeSource) is also called

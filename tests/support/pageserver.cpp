@@ -7,7 +7,9 @@
 #include <QSslKey>
 #include <QSslSocket>
 
-PageServer::PageServer(Scheme scheme) : scheme(scheme) {}
+PageServer::PageServer(Scheme scheme)
+    : scheme(scheme),
+      server(scheme == Scheme::Https ? std::make_unique<QSslServer>() : std::make_unique<QTcpServer>()) {}
 
 void PageServer::serve(const QString &path, const QByteArray &body, const QByteArray &contentType) {
     resources.insert(path, {body, QString(), contentType});
@@ -60,7 +62,8 @@ bool PageServer::makeCertificate() {
     configuration.setPrivateKey(key);
     configuration.setLocalCertificate(certificate);
     configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
-    server.setSslConfiguration(configuration);
+    auto *sslServer = static_cast<QSslServer *>(server.get());
+    sslServer->setSslConfiguration(configuration);
     return true;
 }
 
@@ -73,7 +76,7 @@ bool PageServer::listen() {
         if (!makeCertificate())
             return false;
         // A browser that gives up on the handshake must not leave the server stuck.
-        server.setHandshakeTimeout(5000);
+        static_cast<QSslServer *>(server.get())->setHandshakeTimeout(5000);
     }
     const auto serveSocket = [this](QTcpSocket *socket) {
         connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
@@ -86,12 +89,12 @@ bool PageServer::listen() {
         });
     };
     // Emitted once a socket is ready to read: for HTTPS, after its TLS handshake.
-    connect(&server, &QTcpServer::pendingConnectionAvailable, this, [this, serveSocket] {
-        while (QTcpSocket *socket = server.nextPendingConnection())
+    connect(server.get(), &QTcpServer::pendingConnectionAvailable, this, [this, serveSocket] {
+        while (QTcpSocket *socket = server->nextPendingConnection())
             serveSocket(socket);
     });
-    if (!server.listen(QHostAddress::LocalHost)) {
-        lastError = QStringLiteral("cannot listen on 127.0.0.1: ") + server.errorString();
+    if (!server->listen(QHostAddress::LocalHost)) {
+        lastError = QStringLiteral("cannot listen on 127.0.0.1: ") + server->errorString();
         return false;
     }
     return true;

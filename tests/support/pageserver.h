@@ -4,6 +4,7 @@
 #include <QSslServer>
 #include <QTemporaryDir>
 #include <QUrl>
+#include <memory>
 
 // A web site of the test's own on loopback, as a POS vendor's site would serve its page:
 // plain HTTP, or HTTPS with a self-signed certificate made when it starts (the browser is
@@ -21,7 +22,7 @@ public:
 
     // Listens on 127.0.0.1 on a port of its own; on failure error() says why.
     bool listen();
-    quint16 port() const { return server.serverPort(); }
+    quint16 port() const { return server->serverPort(); }
     QString origin() const;
     QUrl url(const QString &path = QStringLiteral("/")) const { return QUrl(origin() + path); }
     QString error() const { return lastError; }
@@ -39,7 +40,8 @@ private:
     void answer(QTcpSocket *socket, const QByteArray &head);
 
     Scheme scheme;
-    QSslServer server; // with no TLS configuration set it is only used as a QTcpServer
+    // A QSslServer encrypts every connection it takes, so plain HTTP needs a plain server.
+    std::unique_ptr<QTcpServer> server;
     QTemporaryDir keys;
     QHash<QString, Resource> resources;
     QHash<QTcpSocket *, QByteArray> heads;
