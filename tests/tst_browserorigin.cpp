@@ -2,62 +2,25 @@
 // served over HTTP to headless Chromium: the first site's page pins itself, and a page from
 // a second site is then refused by the browser's own WebSocket client.
 #include "headlesschromium.h"
+#include "pageserver.h"
 #include "serviceprocess.h"
 #include "wait.h"
 
 #include <QJsonObject>
 #include <QRegularExpression>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QtTest>
 
 namespace {
 
-// The page every site serves: it opens the gateway and records what becomes of its socket.
-const QByteArray posPage = QByteArrayLiteral(R"(<!doctype html>
-<html><head><meta charset="utf-8"><title>POS</title></head><body>
-<script>
-window.pos = { state: "connecting", opened: false };
-const socket = new WebSocket("ws://127.0.0.1:49999/");
-socket.onopen = () => { pos.state = "open"; pos.opened = true; };
-socket.onerror = () => { pos.state = "error"; };
-socket.onclose = (event) => { pos.state = "closed " + event.code; };
-</script>
-</body></html>
-)");
+// The page every site serves (tests/pages/socket.html): it opens the gateway and records
+// what becomes of its socket.
+const QString socketPage = QStringLiteral(PAGES_FOLDER "/socket.html");
 
-// A web server for one site on loopback: "/" is the POS page, anything else 404.
-class Site : public QObject {
-public:
-    bool listen() {
-        connect(&server, &QTcpServer::newConnection, this, [this] {
-            while (QTcpSocket *socket = server.nextPendingConnection()) {
-                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-                connect(socket, &QTcpSocket::readyRead, socket, [socket] {
-                    QByteArray &head = pending[socket];
-                    head += socket->readAll();
-                    if (!head.contains("\r\n\r\n"))
-                        return;
-                    const bool root = head.startsWith("GET / ") || head.startsWith("GET /? ");
-                    const QByteArray body = root ? posPage : QByteArray("not found\n");
-                    socket->write((root ? "HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\n"
-                                        : "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\n") +
-                                  QByteArray("Content-Length: ") + QByteArray::number(body.size()) +
-                                  "\r\nConnection: close\r\n\r\n" + body);
-                    pending.remove(socket);
-                    socket->disconnectFromHost();
-                });
-            }
-        });
-        return server.listen(QHostAddress::LocalHost);
-    }
-    QUrl url() const { return QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(server.serverPort())); }
-    QString origin() const { return QStringLiteral("http://127.0.0.1:%1").arg(server.serverPort()); }
-
-private:
-    QTcpServer server;
-    static inline QHash<QTcpSocket *, QByteArray> pending;
-};
+// A web site on loopback whose "/" is that page.
+bool listen(PageServer &site) {
+    site.serveFile(QStringLiteral("/"), socketPage, "text/html; charset=utf-8");
+    return site.listen();
+}
 
 // Waits until the page's socket has opened or ended, and returns the page's record.
 QJsonObject settledState(HeadlessChromium &browser) {
@@ -83,9 +46,9 @@ class BrowserOriginTest : public QObject {
 private slots:
     void secondSitesPageIsRefusedOnceTheFirstIsPinned() {
         QVERIFY2(!ServiceProcess::gatewayAcceptsConnections(), "port 49999 is already in use");
-        Site shop, other;
-        QVERIFY(shop.listen());
-        QVERIFY(other.listen());
+        PageServer shop, other;
+        QVERIFY2(listen(shop), qPrintable(shop.error()));
+        QVERIFY2(listen(other), qPrintable(other.error()));
 
         ServiceProcess service;
         QCOMPARE(service.runToEnd({"--set", "WEBSOCKET_PIN_FIRST_ORIGIN=true"}), 0);

@@ -30,8 +30,8 @@ const QString policyFile = policyFolder + QStringLiteral("/teranocounter.json");
 const QString clientModule = QStringLiteral(CLIENT_MODULE);
 const QString approval = QStringLiteral("승인 완료 1234");
 
-// The site's pages (tests/pages): lna-plain.html opens the gateway with the browser's own
-// WebSocket and records what becomes of it; lna-module.html uses the client module, keeps
+// The site's pages (tests/pages): socket.html opens the gateway with the browser's own
+// WebSocket and records what becomes of it; module.html uses the client module, keeps
 // every answer event and connects only when the test says so, so that a reload can be made
 // to miss an answer.
 const QString pagesFolder = QStringLiteral(PAGES_FOLDER);
@@ -152,9 +152,9 @@ private slots:
         if (QFileInfo::exists(policyFile))
             earlierPolicy = readFile(policyFile);
 
-        site.serveFile(QStringLiteral("/"), pagesFolder + QStringLiteral("/lna-plain.html"),
+        site.serveFile(QStringLiteral("/"), pagesFolder + QStringLiteral("/socket.html"),
                        "text/html; charset=utf-8");
-        site.serveFile(QStringLiteral("/module.html"), pagesFolder + QStringLiteral("/lna-module.html"),
+        site.serveFile(QStringLiteral("/module.html"), pagesFolder + QStringLiteral("/module.html"),
                        "text/html; charset=utf-8");
         site.serveFile(QStringLiteral("/teranocounter.js"), clientModule, "text/javascript; charset=utf-8");
         QVERIFY2(site.listen(), qPrintable(site.error()));
