@@ -1,5 +1,7 @@
 #include "commandline.h"
 
+#include <QProcess>
+#include <QRegularExpression>
 #include <QtTest>
 
 class CommandLineTest : public QObject {
@@ -131,6 +133,33 @@ private slots:
             QStringLiteral("--browser-policy --remove takes no origins"));
         QCOMPARE(parseCommandLine({"teranocounter", "--browser-policy", "--lock-down"}).error,
                  QStringLiteral("--browser-policy goes alone (with --remove or its origins)"));
+    }
+
+    void versionIsParsedAndListedInTheHelp() {
+        const CommandLine line = parseCommandLine({"teranocounter", "--version"});
+        QVERIFY(line.error.isEmpty());
+        QVERIFY(line.version);
+        QVERIFY(!parseCommandLine({"teranocounter"}).version);
+        QVERIFY(usageText().contains("--version"));
+        QVERIFY(usageText().contains("--help"));
+    }
+
+    void versionPrintsTheProjectVersion() {
+        // What a user sees: the real executable prints one line and succeeds.
+        QProcess program;
+        program.start(QStringLiteral(TERANOCOUNTER_BIN), {QStringLiteral("--version")});
+        QVERIFY(program.waitForFinished(10000));
+        QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(program.exitCode(), 0);
+        const QString said = QString::fromUtf8(program.readAllStandardOutput());
+        QCOMPARE(said, versionText());
+        QVERIFY(program.readAllStandardError().isEmpty());
+        // The project version from CMake, then, between releases, where the build stands in
+        // git: "teranocounter 0.1~git130.fbe1f16".
+        const QRegularExpression form(
+            QStringLiteral("^teranocounter %1([~+]git[0-9]+\\.[0-9a-f]{7,})?\n$")
+                .arg(QRegularExpression::escape(QStringLiteral(TERANO_PROJECT_VERSION))));
+        QVERIFY2(form.match(said).hasMatch(), qPrintable(said));
     }
 };
 

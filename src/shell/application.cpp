@@ -216,6 +216,10 @@ int runTeranoCounter(int argc, char **argv) {
         std::fputs(usageText().toUtf8().constData(), stdout);
         return 0;
     }
+    if (line.version) {
+        std::fputs(versionText().toUtf8().constData(), stdout);
+        return 0;
+    }
     if (!line.settingsToWrite.isEmpty() || !line.originsToAllow.isEmpty() || line.printSettings ||
         line.lockDown)
         return runSettingsChores(line);

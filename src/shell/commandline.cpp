@@ -1,6 +1,7 @@
 #include "commandline.h"
 
 #include "originpolicy.h"
+#include "teranoversion.h"
 
 CommandLine parseCommandLine(const QStringList &arguments) {
     CommandLine line;
@@ -38,6 +39,8 @@ CommandLine parseCommandLine(const QStringList &arguments) {
             line.clearPending = true;
         } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
             line.help = true;
+        } else if (argument == QLatin1String("--version")) {
+            line.version = true;
         } else if (argument == QLatin1String("--set") || argument.startsWith(QLatin1String("--set="))) {
             QString assignment;
             if (argument == QLatin1String("--set")) {
@@ -114,6 +117,7 @@ QString usageText() {
     return QStringLiteral(
         "Usage: teranocounter [--headless] [--set KEY=VALUE]... [--allow-origin ORIGIN]... [--settings]\n"
         "                     [--pending [--clear]] [--lock-down] [--browser-policy [ORIGIN... | --remove]]\n"
+        "                     [--version] [--help]\n"
         "  --headless        run without a tray icon (also chosen when no system tray is available)\n"
         "  --set KEY=VALUE   write a setting and exit (repeatable), e.g. --set MAIN_INTERFACE=TCP\n"
         "  --allow-origin ORIGIN  let only pages from ORIGIN (and those already listed) connect,\n"
@@ -130,5 +134,11 @@ QString usageText() {
         "                    LocalNetworkAccessAllowedForUrls; a new list replaces the earlier one),\n"
         "                    print each file written, then exit; needs root. Without ORIGIN: the\n"
         "                    origins in WEBSOCKET_ALLOWED_ORIGINS\n"
-        "  --browser-policy --remove  remove those policy files, then exit; needs root\n");
+        "  --browser-policy --remove  remove those policy files, then exit; needs root\n"
+        "  --version         print the version, then exit\n"
+        "  --help, -h        print this help, then exit\n");
+}
+
+QString versionText() {
+    return QStringLiteral("teranocounter " TERANOCOUNTER_VERSION "\n");
 }

@@ -9,6 +9,7 @@ struct CommandLine {
     bool headless = false;
     bool printSettings = false;
     bool help = false;
+    bool version = false;                           // --version
     bool listPending = false;                       // --pending
     bool clearPending = false;                      // --pending --clear
     bool lockDown = false;                          // --lock-down
@@ -23,3 +24,4 @@ struct CommandLine {
 
 CommandLine parseCommandLine(const QStringList &arguments);
 QString usageText();
+QString versionText(); // "teranocounter <version>\n"
