@@ -1,12 +1,20 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the service needs to build and run (and, with --test,
-# to run its tests). Packages already present are not downloaded again.
+# to run its tests; with --package, to build the Debian packages). Packages already present are
+# not downloaded again.
 set -euo pipefail
 
 # fonts-nanum: the tray icon's pages and questions are in Korean.
 packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-websockets-dev qt6-serialport-dev libqt6sql6-sqlite
     libsimdjson-dev fonts-nanum)
+# scripts/package.sh: CPack's Debian generator computes the dependencies with dpkg-shlibdeps
+# and finds the executables with file.
+if [[ "${1:-}" == "--package" || "${1:-}" == "--test" ]]; then
+    packages+=(dpkg-dev file)
+fi
 if [[ "${1:-}" == "--test" ]]; then
+    # The package test: lintian, the desktop entry and AppStream checkers, man for the manual.
+    packages+=(lintian desktop-file-utils appstream man-db)
     packages+=(clang libclang-rt-14-dev chromium iproute2)
     # tst_localnetworkaccess: a self-signed certificate for its HTTPS POS site.
     packages+=(openssl)
