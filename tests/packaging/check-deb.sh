@@ -66,7 +66,11 @@ done
 
 echo "== lintian"
 # --fail-on error: warnings are printed, errors fail the test.
-lintian --fail-on error --no-tag-display-limit "$deb" "$tools_deb" || problem "lintian reports errors"
+lintian_status=0
+lintian --fail-on error --tag-display-limit 0 --display-info "$deb" "$tools_deb" >"$work/lintian.log" 2>&1 || lintian_status=$?
+grep -v "^running with root privileges" "$work/lintian.log" || true
+((lintian_status == 0)) || problem "lintian reports errors (status $lintian_status)"
+grep -q '^W: ' "$work/lintian.log" && echo "(lintian warnings above: not errors, but worth a look)"
 
 echo "== contents"
 contents="$(dpkg-deb -c "$deb" | awk '{print $6}' | sed 's|^\./|/|')"
@@ -85,6 +89,9 @@ for f in /usr/bin/teranocounter-devsim /usr/bin/stomp-test-server; do
     grep -qx "$f" <<<"$contents" && problem "$f belongs in the tools package, not the shop's"
     dpkg-deb -c "$tools_deb" | awk '{print $6}' | grep -qx ".$f" || problem "$(basename "$tools_deb") lacks $f"
 done
+# No maintainer scripts: installing changes nothing but the package's own files.
+scripts="$(dpkg-deb --ctrl-tarfile "$deb" | tar -t | sed 's|^\./||' | grep -vxE 'control|md5sums|' || true)"
+[[ -z "$scripts" ]] || problem "maintainer files in the package: $scripts"
 mkdir "$work/unpacked"
 dpkg-deb -x "$deb" "$work/unpacked"
 desktop-file-validate "$work/unpacked/usr/share/applications/teranocounter.desktop" || problem "desktop entry"
@@ -97,7 +104,8 @@ grep -qx 'ExecStart=/usr/bin/teranocounter --headless' "$work/unpacked/usr/lib/s
 echo "== a user's files before the install"
 home="$work/home"
 mkdir -p "$home/.config/teranocounter" "$home/.config/autostart" "$home/.local/state/teranocounter"
-printf '[General]\nMAIN_INTERFACE=TCP\nTCP_DEVICE=KIS\nTCP_IP=10.93.0.9\n' >"$home/.config/teranocounter/teranocounter.conf"
+# HOLD_UNDELIVERED_ANSWERS: the service opens its store, so the user has one.
+printf '[General]\nMAIN_INTERFACE=TCP\nTCP_DEVICE=KIS\nTCP_IP=10.93.0.9\nHOLD_UNDELIVERED_ANSWERS=true\n' >"$home/.config/teranocounter/teranocounter.conf"
 printf '[Desktop Entry]\nType=Application\nName=Terano Counter\nExec=/usr/bin/teranocounter\n' \
     >"$home/.config/autostart/teranocounter.desktop"
 user_files() { (cd "$home" && find . -type f -print0 | sort -z | xargs -0 sha256sum); }
@@ -192,10 +200,12 @@ user_files >"$work/user-after-purge"
 if ! diff "$work/user-before-purge" "$work/user-after-purge"; then
     problem "the purge changed the user's files"
 else
-    echo "the user's $(wc -l <"$work/user-after-purge") files (settings, store, login item) are as they were"
+    echo "the user's files are as they were:"
+    sed 's/^[0-9a-f]* *//' "$work/user-after-purge"
 fi
 grep -q 'TCP_IP=10.93.0.9' "$home/.config/teranocounter/teranocounter.conf" || problem "the user's settings lost TCP_IP"
 [[ -f "$home/.config/autostart/teranocounter.desktop" ]] || problem "the user's login item is gone"
+[[ -f "$home/.local/state/teranocounter/pending.sqlite" ]] || problem "the user's store is gone (or was never made)"
 
 ((fail == 0)) && echo "package ok"
 exit "$fail"
