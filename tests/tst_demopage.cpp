@@ -28,12 +28,6 @@ const QString approval = QStringLiteral("승인 완료 1234");
 const QByteArray paymentFrame("\x02"
                               "PAY\x03");
 
-// `text` as a JavaScript string literal (a JSON string is one).
-QString jsString(const QString &text) {
-    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
-    return QString::fromUtf8(array.sliced(1, array.size() - 2));
-}
-
 // A terminal answer as the client module gives it to the page.
 QJsonObject moduleAnswer(const QString &text) {
     return QJsonObject{{QStringLiteral("data"), text},
@@ -72,24 +66,26 @@ class DemoPageTest : public QObject {
                 "(() => { const field = document.getElementById(%1); field.value = %2;"
                 " field.dispatchEvent(new Event('input', { bubbles: true }));"
                 " field.dispatchEvent(new Event('change', { bubbles: true })); return field.value; })()")
-                .arg(jsString(id), jsString(value)));
+                .arg(HeadlessChromium::jsString(id), HeadlessChromium::jsString(value)));
         return held ? held->toString() : QString();
     }
 
     bool click(const QString &id) {
-        return evaluate(QStringLiteral("document.getElementById(%1).click(), true").arg(jsString(id)))
+        return evaluate(QStringLiteral("document.getElementById(%1).click(), true")
+                            .arg(HeadlessChromium::jsString(id)))
             .has_value();
     }
 
     QString valueOf(const QString &id) {
         const std::optional<QJsonValue> value =
-            evaluate(QStringLiteral("document.getElementById(%1).value").arg(jsString(id)));
+            evaluate(QStringLiteral("document.getElementById(%1).value").arg(HeadlessChromium::jsString(id)));
         return value ? value->toString() : QString();
     }
 
     QString textOf(const QString &selector) {
-        const std::optional<QJsonValue> text = evaluate(
-            QStringLiteral("document.querySelector(%1)?.textContent ?? null").arg(jsString(selector)));
+        const std::optional<QJsonValue> text =
+            evaluate(QStringLiteral("document.querySelector(%1)?.textContent ?? null")
+                         .arg(HeadlessChromium::jsString(selector)));
         return text ? text->toString() : QString();
     }
 

@@ -36,12 +36,6 @@ const QString approval = QStringLiteral("승인 완료 1234");
 // to miss an answer.
 const QString pagesFolder = QStringLiteral(PAGES_FOLDER);
 
-// `text` as a JavaScript string literal (a JSON string is one).
-QString jsString(const QString &text) {
-    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
-    return QString::fromUtf8(array.sliced(1, array.size() - 2));
-}
-
 QJsonArray bytesOf(const QByteArray &bytes) {
     QJsonArray array;
     for (const char byte : bytes)
@@ -257,7 +251,7 @@ private slots:
                 .evaluate(QStringLiteral(
                               "counter.kitchenPrint({ip: '127.0.0.1', port: %1, text: %2}).then(() => true)")
                               .arg(printer.port())
-                              .arg(jsString(order)))
+                              .arg(HeadlessChromium::jsString(order)))
                 .has_value(),
             qPrintable(browser.error()));
         QVERIFY2(waitUntil([&] { return printer.closedCount() == printed + 1; }, 5000),

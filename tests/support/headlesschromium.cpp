@@ -24,6 +24,12 @@ void keepReplies(QWebSocket &socket, QHash<int, QJsonObject> &replies) {
 
 } // namespace
 
+QString HeadlessChromium::jsString(const QString &text) {
+    // A JSON string is a JavaScript string literal.
+    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(array.sliced(1, array.size() - 2));
+}
+
 HeadlessChromium::HeadlessChromium() {
     process.setProcessChannelMode(QProcess::SeparateChannels);
     keepReplies(pageSocket, replies);

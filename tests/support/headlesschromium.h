@@ -17,6 +17,9 @@ class HeadlessChromium {
 public:
     static inline const QString binary = QStringLiteral("/usr/bin/chromium");
 
+    // `text` as a JavaScript string literal, for expressions given to evaluate().
+    static QString jsString(const QString &text);
+
     HeadlessChromium();
     ~HeadlessChromium();
 
