@@ -2,6 +2,7 @@
 
 #include "originpolicy.h"
 
+#include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
 #include <QHostAddress>
@@ -158,7 +159,10 @@ QString shellQuoted(const QString &text) {
 }
 
 QString programPath() {
-    return QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
+    // The link's target as the kernel gives it: resolving it further would need to look
+    // into the folders on the way, which a user who may run the program cannot always do.
+    const QString target = QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget();
+    return target.isEmpty() ? QCoreApplication::applicationFilePath() : target;
 }
 
 QString sudoCommand(const QString &program, const QStringList &arguments) {
