@@ -1,12 +1,12 @@
 // How long a kitchen order takes from the POS's frame to the printer's socket, and what
 // parsing a request costs as its "data" grows. In-process gateway on an ephemeral port,
 // a fake printer on loopback, a real WebSocket client.
+#include "common/userdefaults.h"
+#include "devsim/printer.h"
+#include "gateway/request.h"
+#include "gateway/websocketviewcontroller.h"
 #include "posclient.h"
-#include "printer.h"
-#include "request.h"
-#include "userdefaults.h"
 #include "wait.h"
-#include "websocketviewcontroller.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

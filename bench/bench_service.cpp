@@ -11,9 +11,9 @@
 // BENCH_PRINTERS, BENCH_STARTS, BENCH_IDLE_SECONDS, BENCH_KIS_ANSWER_DELAY_MS), and
 // BENCH_CASES picks cases; the table goes to standard output, progress and diagnostics to
 // standard error.
-#include "cp949.h"
-#include "printer.h"
-#include "pseudoterminal.h"
+#include "common/cp949.h"
+#include "devsim/printer.h"
+#include "devsim/pseudoterminal.h"
 #include "terminalframes.h"
 #include "wait.h"
 

@@ -10,15 +10,15 @@
 //
 // Uses the service's fixed ports (49999, 5000, 5501, 13189) and needs a non-loopback
 // interface up: run it where nothing else uses them (bench/soak.sh says how).
-#include "cp949.h"
+#include "common/cp949.h"
+#include "devsim/printer.h"
+#include "devsim/pseudoterminal.h"
+#include "devsim/scriptedterminal.h"
+#include "devsim/vendorscripts.h"
 #include "posclient.h"
-#include "printer.h"
 #include "processusage.h"
-#include "pseudoterminal.h"
-#include "scriptedterminal.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
-#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QCommandLineParser>

@@ -2,7 +2,7 @@
 // that is up, running and not loopback. The test makes a network namespace of its own,
 // with an interface that is up but has no carrier (listed first) and a veth pair that is
 // up at both ends, and runs the service inside it. Needs root, as CI has.
-#include "answercall.h"
+#include "devsim/answercall.h"
 #include "posclient.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"

@@ -1,6 +1,6 @@
 // Which hosts may deliver a card terminal's answer, from TERMINAL_ANSWER_PEERS, and how
 // often a refused one is named.
-#include "answerpeers.h"
+#include "terminal_tcp/answerpeers.h"
 
 #include <QtTest>
 

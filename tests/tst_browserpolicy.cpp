@@ -1,9 +1,9 @@
 // The browsers' policy files that let a POS page from a public site open the service without
 // a prompt: written into folders of the test's own (TERANOCOUNTER_POLICY_ROOT), as a browser
 // would read them, and the real `teranocounter --browser-policy` as a shop owner runs it.
-#include "browserpolicy.h"
+#include "common/userdefaults.h"
 #include "serviceprocess.h"
-#include "userdefaults.h"
+#include "shell/browserpolicy.h"
 
 #include <QDateTime>
 #include <QDir>

@@ -1,12 +1,12 @@
 // The real `teranocounter --headless` with MAIN_INTERFACE=TCP and TCP_IP=127.0.0.1, a fake
 // KIS terminal on 127.0.0.1:5000, and the POS page running in headless Chromium: what a
 // shop's browser receives, decoded by the browser itself.
-#include "cp949.h"
+#include "common/cp949.h"
+#include "devsim/scriptedterminal.h"
+#include "devsim/vendorscripts.h"
 #include "headlesschromium.h"
-#include "scriptedterminal.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
-#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QFile>

@@ -1,4 +1,4 @@
-#include "commandline.h"
+#include "shell/commandline.h"
 
 #include <QProcess>
 #include <QRegularExpression>

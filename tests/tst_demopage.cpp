@@ -4,14 +4,14 @@
 // `teranocounter --headless` (MAIN_INTERFACE=TCP, TCP_IP=127.0.0.1), a fake kitchen printer
 // and a fake KIS terminal on 127.0.0.1:5000. What counts is what the devices receive and
 // what the page shows.
-#include "cp949.h"
+#include "common/cp949.h"
+#include "devsim/printer.h"
+#include "devsim/scriptedterminal.h"
+#include "devsim/vendorscripts.h"
 #include "headlesschromium.h"
 #include "pageserver.h"
-#include "printer.h"
-#include "scriptedterminal.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
-#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QFileInfo>

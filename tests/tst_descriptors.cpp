@@ -1,8 +1,8 @@
 // The real service when descriptors run short: it takes every descriptor the kernel lets it
 // have, and a flood of idle connections that uses them all up leaves the gateway and both
 // terminal answer listeners accepting once the flood ends.
-#include "answercall.h"
-#include "localaddresses.h"
+#include "common/localaddresses.h"
+#include "devsim/answercall.h"
 #include "posclient.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"

@@ -1,10 +1,10 @@
 // Malformed POS requests stop the service on purpose, and only they do: each case runs
 // the real executable, sends one frame and watches how the process ends.
+#include "devsim/printer.h"
+#include "devsim/switchedoffdevice.h"
 #include "posclient.h"
-#include "printer.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
-#include "switchedoffdevice.h"
 #include "wait.h"
 
 #include <QtTest>

@@ -3,19 +3,19 @@
 // terminals and printers that go silent, hang up or talk too much, and SIGKILL right
 // after a setting is written. None of these is a deliberate stop, so every case ends the
 // same way: the service is still running and serves the next POS request.
-#include "answercall.h"
-#include "cp949.h"
-#include "localaddresses.h"
+#include "common/cp949.h"
+#include "common/localaddresses.h"
+#include "devsim/answercall.h"
+#include "devsim/printer.h"
+#include "devsim/scriptedterminal.h"
+#include "devsim/switchedoffdevice.h"
+#include "devsim/vendorscripts.h"
 #include "posclient.h"
-#include "printer.h"
 #include "processusage.h"
 #include "rawwebsocket.h"
-#include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
-#include "switchedoffdevice.h"
 #include "terminalframes.h"
-#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QCryptographicHash>

@@ -1,13 +1,13 @@
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/userdefaults.h"
 #include "forked.h"
+#include "gateway/request.h"
+#include "gateway/websocketviewcontroller.h"
 #include "localaddress.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
 #include "posclient.h"
 #include "rawwebsocket.h"
-#include "request.h"
-#include "userdefaults.h"
 #include "wait.h"
-#include "websocketviewcontroller.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -1,11 +1,11 @@
 // The gateway page in the popover as the shop owner uses it, on Qt's offscreen platform:
 // real widgets and clicks, a real WebSocket POS, and the settings file.
-#include "gatewaypage.h"
+#include "common/userdefaults.h"
+#include "gateway/websocketviewcontroller.h"
 #include "posclient.h"
+#include "shell/gatewaypage.h"
 #include "stdoutcapture.h"
-#include "userdefaults.h"
 #include "wait.h"
-#include "websocketviewcontroller.h"
 
 #include <QApplication>
 #include <QClipboard>

@@ -1,13 +1,13 @@
 // Held terminal answers (HOLD_UNDELIVERED_ANSWERS) as the gateway hands them to a POS that
 // connects: in the order they came, and without keeping anyone else waiting meanwhile.
-#include "notificationcenter.h"
-#include "notificationnames.h"
-#include "pendingstore.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/userdefaults.h"
+#include "gateway/websocketviewcontroller.h"
 #include "posclient.h"
 #include "recordingoutlets.h"
-#include "userdefaults.h"
+#include "store/pendingstore.h"
 #include "wait.h"
-#include "websocketviewcontroller.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

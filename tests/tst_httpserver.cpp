@@ -1,7 +1,7 @@
 // The path-routing HTTP front on its own: what a browser, curl or a WebSocket client
 // gets back for each kind of request.
-#include "chunkedbody.h"
-#include "httpserver.h"
+#include "net/chunkedbody.h"
+#include "net/httpserver.h"
 #include "rawwebsocket.h"
 #include "wait.h"
 

@@ -1,4 +1,4 @@
-#include "ipv4rule.h"
+#include "terminal_tcp/ipv4rule.h"
 
 #include <QtTest>
 

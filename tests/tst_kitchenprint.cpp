@@ -1,8 +1,8 @@
-#include "cp949.h"
-#include "kitchenprintservice.h"
-#include "printer.h"
+#include "common/cp949.h"
+#include "devsim/printer.h"
+#include "devsim/switchedoffdevice.h"
+#include "kitchen/kitchenprintservice.h"
 #include "stdoutcapture.h"
-#include "switchedoffdevice.h"
 #include "wait.h"
 
 #include <QElapsedTimer>

@@ -5,13 +5,13 @@
 // count it as public, as it would count a vendor's site. The policy goes into the real
 // folder, /etc/chromium/policies/managed/, because that is the one the browser reads; the
 // test puts back whatever was there before.
-#include "cp949.h"
+#include "common/cp949.h"
+#include "devsim/printer.h"
+#include "devsim/scriptedterminal.h"
+#include "devsim/vendorscripts.h"
 #include "headlesschromium.h"
 #include "pageserver.h"
-#include "printer.h"
-#include "scriptedterminal.h"
 #include "serviceprocess.h"
-#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QDir>

@@ -1,17 +1,17 @@
 // Keeping what could not be delivered, as a shop that turns it on sees it: the real service
 // with HOLD_UNDELIVERED_ANSWERS and KITCHEN_RETRY_MINUTES, POS pages that reload, printers
 // that are switched off and on, and SIGKILL in between.
-#include "answercall.h"
-#include "cp949.h"
-#include "localaddresses.h"
+#include "common/cp949.h"
+#include "common/localaddresses.h"
+#include "devsim/answercall.h"
+#include "devsim/printer.h"
+#include "devsim/scriptedterminal.h"
+#include "devsim/vendorscripts.h"
 #include "posclient.h"
-#include "printer.h"
-#include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "smalldisk.h"
 #include "terminalframes.h"
-#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QDir>

@@ -1,5 +1,5 @@
-#include "notificationcenter.h"
-#include "notificationnames.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
 
 #include <QThread>
 #include <QtTest>

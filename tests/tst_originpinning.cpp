@@ -1,10 +1,10 @@
 // The real `teranocounter --headless` locked down: which pages' handshakes it lets in, what
 // it prints about the others, how it pins the first POS, and which kitchen printers it
 // will connect to at all.
+#include "devsim/printer.h"
+#include "devsim/switchedoffdevice.h"
 #include "posclient.h"
-#include "printer.h"
 #include "serviceprocess.h"
-#include "switchedoffdevice.h"
 #include "wait.h"
 
 #include <QFile>

@@ -1,10 +1,10 @@
 // The rules behind the gateway's origin list and the kitchen printer list, without a
 // server: which origins a browser could send, which refusals get a line, which printer
 // destinations an entry lets through.
-#include "originpolicy.h"
-#include "printerallowlist.h"
-#include "refusedorigins.h"
-#include "userdefaults.h"
+#include "common/userdefaults.h"
+#include "gateway/originpolicy.h"
+#include "gateway/refusedorigins.h"
+#include "kitchen/printerallowlist.h"
 
 #include <QTemporaryDir>
 #include <QtTest>

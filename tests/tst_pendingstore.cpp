@@ -1,6 +1,6 @@
-#include "pendingstore.h"
 #include "smalldisk.h"
 #include "stdoutcapture.h"
+#include "store/pendingstore.h"
 
 #include <QDir>
 #include <QFileInfo>

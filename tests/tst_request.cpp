@@ -1,4 +1,4 @@
-#include "request.h"
+#include "gateway/request.h"
 
 #include <QtTest>
 #include <cstring>

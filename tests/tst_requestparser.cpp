@@ -3,7 +3,7 @@
 // unpaired surrogate escapes): a request only a forgiving parser accepts is a request the
 // POS did not mean to send. Texts that are objects are sent as frames as they are; other
 // values are sent as the member "v" of a request.
-#include "request.h"
+#include "gateway/request.h"
 
 #include <QtTest>
 

@@ -1,11 +1,11 @@
 // The real `teranocounter --headless`, seen from outside: a POS on ws://127.0.0.1:49999/,
 // printers on loopback, its standard output and its settings file.
+#include "devsim/printer.h"
+#include "devsim/switchedoffdevice.h"
 #include "localaddress.h"
 #include "posclient.h"
-#include "printer.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
-#include "switchedoffdevice.h"
 #include "wait.h"
 
 #include <QDir>

@@ -1,15 +1,15 @@
 // The application shell under the offscreen platform: the storyboard, the main page's
 // buttons and exit alert, where the popover opens, login items and the one-instance socket.
-#include "appdelegate.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/userdefaults.h"
 #include "forked.h"
-#include "loginitems.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
-#include "popover.h"
-#include "singleinstance.h"
+#include "shell/appdelegate.h"
+#include "shell/loginitems.h"
+#include "shell/popover.h"
+#include "shell/singleinstance.h"
+#include "shell/viewcontroller.h"
 #include "stdoutcapture.h"
-#include "userdefaults.h"
-#include "viewcontroller.h"
 #include "wait.h"
 
 #include <QApplication>

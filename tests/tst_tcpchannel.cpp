@@ -1,18 +1,18 @@
 // The TCP terminal channel in-process: its controller with recorded outlets, fake KICC,
 // KIS and SMARTRO terminals on loopback, the answer listeners on loopback, and the bus.
-#include "answercall.h"
-#include "cp949.h"
+#include "common/cp949.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/userdefaults.h"
+#include "devsim/answercall.h"
+#include "devsim/scriptedterminal.h"
+#include "devsim/switchedoffdevice.h"
+#include "devsim/vendorscripts.h"
 #include "forked.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
 #include "recordingoutlets.h"
-#include "scriptedterminal.h"
 #include "stdoutcapture.h"
-#include "switchedoffdevice.h"
-#include "tcpviewcontroller.h"
-#include "terminallistener.h"
-#include "userdefaults.h"
-#include "vendorscripts.h"
+#include "terminal_tcp/tcpviewcontroller.h"
+#include "terminal_tcp/terminallistener.h"
 #include "wait.h"
 
 #include <QElapsedTimer>

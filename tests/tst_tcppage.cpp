@@ -1,12 +1,12 @@
 // The TCP page as the shop owner uses it, on Qt's offscreen platform: real widgets, real
 // clicks and key presses, the settings file, and a fake terminal for the test button.
-#include "notificationcenter.h"
-#include "notificationnames.h"
-#include "outlets.h"
-#include "scriptedterminal.h"
-#include "tcppage.h"
-#include "tcpviewcontroller.h"
-#include "userdefaults.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/outlets.h"
+#include "common/userdefaults.h"
+#include "devsim/scriptedterminal.h"
+#include "shell/tcppage.h"
+#include "terminal_tcp/tcpviewcontroller.h"
 #include "wait.h"
 
 #include <QApplication>

@@ -1,15 +1,15 @@
 // The real `teranocounter --headless` with MAIN_INTERFACE=TCP and TCP_IP=127.0.0.1, fake
 // KICC, KIS and SMARTRO terminals on their fixed ports on loopback, and a POS page.
-#include "answercall.h"
-#include "cp949.h"
-#include "localaddresses.h"
+#include "common/cp949.h"
+#include "common/localaddresses.h"
+#include "devsim/answercall.h"
+#include "devsim/printer.h"
+#include "devsim/scriptedterminal.h"
+#include "devsim/vendorscripts.h"
 #include "posclient.h"
-#include "printer.h"
-#include "scriptedterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
-#include "vendorscripts.h"
 #include "wait.h"
 
 #include <QTcpServer>

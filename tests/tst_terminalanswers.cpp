@@ -1,4 +1,4 @@
-#include "terminalanswers.h"
+#include "terminal_tcp/terminalanswers.h"
 
 #include <QtTest>
 

@@ -1,4 +1,4 @@
-#include "textform.h"
+#include "common/textform.h"
 
 #include <QtTest>
 

@@ -1,5 +1,5 @@
+#include "common/userdefaults.h"
 #include "processusage.h"
-#include "userdefaults.h"
 
 #include <QDir>
 #include <QElapsedTimer>

@@ -1,7 +1,7 @@
 #include "devsimcommand.h"
 
-#include "cp949.h"
-#include "localaddresses.h"
+#include "common/cp949.h"
+#include "common/localaddresses.h"
 #include "printer.h"
 #include "serialterminal.h"
 #include "vendorscripts.h"

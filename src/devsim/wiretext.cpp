@@ -1,6 +1,6 @@
 #include "wiretext.h"
 
-#include "cp949.h"
+#include "common/cp949.h"
 
 #include <QTime>
 #include <array>

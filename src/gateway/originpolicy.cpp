@@ -1,7 +1,7 @@
 #include "originpolicy.h"
 
-#include "log.h"
-#include "userdefaults.h"
+#include "common/log.h"
+#include "common/userdefaults.h"
 
 #include <QUrl>
 

@@ -1,6 +1,6 @@
 #include "refusedorigins.h"
 
-#include "log.h"
+#include "common/log.h"
 
 QString RefusedOrigins::shown(const QString &origin) {
     if (origin.isEmpty())

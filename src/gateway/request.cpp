@@ -1,6 +1,6 @@
 #include "request.h"
 
-#include "textform.h"
+#include "common/textform.h"
 
 #include <simdjson.h>
 

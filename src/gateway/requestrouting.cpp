@@ -1,12 +1,12 @@
 #include "requestrouting.h"
 
-#include "fatal.h"
-#include "kitchenprintservice.h"
-#include "log.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
+#include "common/fatal.h"
+#include "common/log.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/userdefaults.h"
+#include "kitchen/kitchenprintservice.h"
 #include "request.h"
-#include "userdefaults.h"
 
 namespace {
 

@@ -1,14 +1,14 @@
 #include "websocketviewcontroller.h"
 
-#include "fatal.h"
-#include "log.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
+#include "common/fatal.h"
+#include "common/log.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/userdefaults.h"
+#include "kitchen/printerallowlist.h"
 #include "originpolicy.h"
-#include "pendingstore.h"
-#include "printerallowlist.h"
 #include "requestrouting.h"
-#include "userdefaults.h"
+#include "store/pendingstore.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "httpserver.h"
-#include "kitchenprintservice.h"
-#include "notificationcenter.h"
-#include "outlets.h"
+#include "common/notificationcenter.h"
+#include "common/outlets.h"
+#include "common/textlabel.h"
+#include "kitchen/kitchenprintservice.h"
+#include "net/httpserver.h"
 #include "refusedorigins.h"
-#include "textlabel.h"
 
 #include <QHostAddress>
 #include <QMutex>

@@ -1,12 +1,12 @@
 #include "kitchenprintservice.h"
 
-#include "cp949.h"
-#include "fatal.h"
+#include "common/cp949.h"
+#include "common/fatal.h"
+#include "common/log.h"
+#include "common/textform.h"
 #include "kitchenretryqueue.h"
-#include "log.h"
 #include "printerallowlist.h"
 #include "printjob.h"
-#include "textform.h"
 
 #include <QTimer>
 

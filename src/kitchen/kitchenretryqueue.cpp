@@ -1,10 +1,10 @@
 #include "kitchenretryqueue.h"
 
-#include "log.h"
+#include "common/log.h"
+#include "common/textform.h"
+#include "common/userdefaults.h"
 #include "printerallowlist.h"
 #include "printjob.h"
-#include "textform.h"
-#include "userdefaults.h"
 
 #include <QTimer>
 #include <algorithm>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "pendingstore.h"
+#include "store/pendingstore.h"
 
 #include <QObject>
 #include <QString>

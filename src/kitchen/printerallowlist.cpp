@@ -1,7 +1,7 @@
 #include "printerallowlist.h"
 
-#include "log.h"
-#include "userdefaults.h"
+#include "common/log.h"
+#include "common/userdefaults.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "fatal.h"
+#include "common/fatal.h"
+#include "common/log.h"
 #include "kitchenprintservice.h"
-#include "log.h"
 
 #include <QTcpSocket>
 #include <QTimer>

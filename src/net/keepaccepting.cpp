@@ -1,6 +1,6 @@
 #include "keepaccepting.h"
 
-#include "log.h"
+#include "common/log.h"
 
 #include <QTcpServer>
 

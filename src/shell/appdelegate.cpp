@@ -1,7 +1,7 @@
 #include "appdelegate.h"
 
-#include "log.h"
-#include "notificationnames.h"
+#include "common/log.h"
+#include "common/notificationnames.h"
 #include "viewcontroller.h"
 
 #include <QCoreApplication>

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "common/notificationcenter.h"
 #include "eventmonitor.h"
 #include "loginitems.h"
-#include "notificationcenter.h"
 #include "popover.h"
 
 #include <QElapsedTimer>

@@ -1,6 +1,6 @@
 #include "browserpolicy.h"
 
-#include "originpolicy.h"
+#include "gateway/originpolicy.h"
 
 #include <QCoreApplication>
 #include <QFile>

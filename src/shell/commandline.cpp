@@ -1,6 +1,6 @@
 #include "commandline.h"
 
-#include "originpolicy.h"
+#include "gateway/originpolicy.h"
 #include "teranoversion.h"
 
 CommandLine parseCommandLine(const QStringList &arguments) {

@@ -1,9 +1,9 @@
 #include "gatewaypage.h"
 
 #include "browserpolicy.h"
+#include "common/log.h"
+#include "gateway/originpolicy.h"
 #include "lockdown.h"
-#include "log.h"
-#include "originpolicy.h"
 
 #include <QClipboard>
 #include <QGuiApplication>

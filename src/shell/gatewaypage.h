@@ -1,7 +1,7 @@
 #pragma once
 
+#include "gateway/websocketviewcontroller.h"
 #include "labeloutlet.h"
-#include "websocketviewcontroller.h"
 #include "widgetoutlets.h"
 
 #include <QWidget>

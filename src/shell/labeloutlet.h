@@ -1,6 +1,6 @@
 #pragma once
 
-#include "textlabel.h"
+#include "common/textlabel.h"
 
 #include <QPointer>
 

@@ -1,11 +1,11 @@
 #include "lockdown.h"
 
-#include "answerpeers.h"
-#include "kitchenretryqueue.h"
-#include "originpolicy.h"
-#include "printerallowlist.h"
-#include "userdefaults.h"
-#include "websocketviewcontroller.h"
+#include "common/userdefaults.h"
+#include "gateway/originpolicy.h"
+#include "gateway/websocketviewcontroller.h"
+#include "kitchen/kitchenretryqueue.h"
+#include "kitchen/printerallowlist.h"
+#include "terminal_tcp/answerpeers.h"
 
 #include <QNetworkInterface>
 

@@ -1,7 +1,7 @@
 #include "loginitems.h"
 
-#include "fatal.h"
-#include "log.h"
+#include "common/fatal.h"
+#include "common/log.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,6 +1,6 @@
 #include "singleinstance.h"
 
-#include "userdefaults.h"
+#include "common/userdefaults.h"
 
 #include <QCryptographicHash>
 #include <QDir>

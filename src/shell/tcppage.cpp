@@ -1,6 +1,6 @@
 #include "tcppage.h"
 
-#include "tcpviewcontroller.h"
+#include "terminal_tcp/tcpviewcontroller.h"
 
 #include <QComboBox>
 #include <QFormLayout>

@@ -1,7 +1,7 @@
 #include "usbpage.h"
 
-#include "serialportmanager.h"
-#include "usbviewcontroller.h"
+#include "terminal_serial/serialportmanager.h"
+#include "terminal_serial/usbviewcontroller.h"
 
 #include <QComboBox>
 #include <QFormLayout>

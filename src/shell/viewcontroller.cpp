@@ -1,9 +1,9 @@
 #include "viewcontroller.h"
 
-#include "fatal.h"
+#include "common/fatal.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
 #include "gatewaypage.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
 #include "tcppage.h"
 #include "usbpage.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "outlets.h"
+#include "common/outlets.h"
 
 #include <QAbstractButton>
 #include <QComboBox>

@@ -1,10 +1,10 @@
 #include "httpsession.h"
 
-#include "httpserver.h"
-#include "log.h"
+#include "common/log.h"
+#include "net/httpserver.h"
 #include "stompframe.h"
 
-#include "textform.h"
+#include "common/textform.h"
 
 #include <QWebSocket>
 

@@ -1,7 +1,7 @@
 #include "testserver.h"
 
+#include "common/log.h"
 #include "httpsession.h"
-#include "log.h"
 
 #include <QThread>
 #include <QUrl>

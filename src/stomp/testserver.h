@@ -1,6 +1,6 @@
 #pragma once
 
-#include "httpserver.h"
+#include "net/httpserver.h"
 
 #include <QHash>
 #include <QObject>

@@ -1,6 +1,6 @@
 #include "pendingstore.h"
 
-#include "log.h"
+#include "common/log.h"
 
 #include <QCoreApplication>
 #include <QDateTime>

@@ -1,12 +1,12 @@
 #include "serialanswerframing.h"
 
-#include "cp949.h"
-#include "fatal.h"
-#include "log.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
-#include "textform.h"
-#include "userdefaults.h"
+#include "common/cp949.h"
+#include "common/fatal.h"
+#include "common/log.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/textform.h"
+#include "common/userdefaults.h"
 
 namespace {
 

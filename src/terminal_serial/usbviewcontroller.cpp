@@ -1,10 +1,10 @@
 #include "usbviewcontroller.h"
 
-#include "cp949.h"
-#include "fatal.h"
-#include "notificationnames.h"
-#include "textform.h"
-#include "userdefaults.h"
+#include "common/cp949.h"
+#include "common/fatal.h"
+#include "common/notificationnames.h"
+#include "common/textform.h"
+#include "common/userdefaults.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "notificationcenter.h"
-#include "outlets.h"
+#include "common/notificationcenter.h"
+#include "common/outlets.h"
 #include "serialanswerframing.h"
 #include "serialport.h"
 #include "serialportmanager.h"

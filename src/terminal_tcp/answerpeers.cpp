@@ -1,7 +1,7 @@
 #include "answerpeers.h"
 
-#include "log.h"
-#include "userdefaults.h"
+#include "common/log.h"
+#include "common/userdefaults.h"
 
 AnswerPeers::AnswerPeers(const QStringList &entries) {
     for (const QString &entry : entries) {

@@ -1,14 +1,14 @@
 #include "tcpviewcontroller.h"
 
 #include "answerpeers.h"
-#include "cp949.h"
-#include "fatal.h"
+#include "common/cp949.h"
+#include "common/fatal.h"
+#include "common/log.h"
+#include "common/notificationnames.h"
+#include "common/textform.h"
+#include "common/userdefaults.h"
 #include "ipv4rule.h"
-#include "log.h"
-#include "notificationnames.h"
 #include "terminallistener.h"
-#include "textform.h"
-#include "userdefaults.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "localaddresses.h"
-#include "notificationcenter.h"
-#include "outlets.h"
-#include "textlabel.h"
+#include "common/localaddresses.h"
+#include "common/notificationcenter.h"
+#include "common/outlets.h"
+#include "common/textlabel.h"
 #include "vendorsenders.h"
 
 #include <QObject>

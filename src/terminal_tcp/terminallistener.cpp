@@ -1,14 +1,14 @@
 #include "terminallistener.h"
 
 #include "answerpeers.h"
-#include "cp949.h"
-#include "keepaccepting.h"
-#include "log.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
+#include "common/cp949.h"
+#include "common/log.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/terminalresponse.h"
+#include "net/keepaccepting.h"
 #include "tcpclient.h"
 #include "terminalanswers.h"
-#include "terminalresponse.h"
 #include "vendorsenders.h"
 
 #include <QElapsedTimer>

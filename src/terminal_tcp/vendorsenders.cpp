@@ -1,15 +1,15 @@
 #include "vendorsenders.h"
 
-#include "cp949.h"
-#include "fatal.h"
+#include "common/cp949.h"
+#include "common/fatal.h"
+#include "common/log.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/terminalresponse.h"
+#include "common/userdefaults.h"
 #include "ipv4rule.h"
-#include "log.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
 #include "tcpclient.h"
 #include "terminalanswers.h"
-#include "terminalresponse.h"
-#include "userdefaults.h"
 
 #include <QCoreApplication>
 #include <QHostAddress>

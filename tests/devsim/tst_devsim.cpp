@@ -1,13 +1,13 @@
 // The simulated devices on their own: how the printer shows ESC/POS, and each terminal's
 // exchange as a scripted client (standing in for the service) sees it on the wire.
-#include "cp949.h"
-#include "printer.h"
-#include "scriptedterminal.h"
-#include "serialterminal.h"
-#include "switchedoffdevice.h"
-#include "vendorscripts.h"
+#include "common/cp949.h"
+#include "devsim/printer.h"
+#include "devsim/scriptedterminal.h"
+#include "devsim/serialterminal.h"
+#include "devsim/switchedoffdevice.h"
+#include "devsim/vendorscripts.h"
+#include "devsim/wiretext.h"
 #include "wait.h"
-#include "wiretext.h"
 
 #include <QElapsedTimer>
 #include <QFile>

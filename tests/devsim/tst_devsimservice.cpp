@@ -1,8 +1,8 @@
 // The real `teranocounter --headless` against the real `teranocounter-devsim`: a kitchen
 // order on the simulated printer, and payments through each simulated card terminal, as a
 // POS developer without hardware would run them.
+#include "common/localaddresses.h"
 #include "devsimprocess.h"
-#include "localaddresses.h"
 #include "posclient.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"

@@ -1,10 +1,10 @@
 // The rules by which a serial terminal's answer is gathered, cut and decoded, chunk by
 // chunk, as the line delivers it.
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
 #include "forked.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
-#include "serialanswerframing.h"
 #include "stdoutcapture.h"
+#include "terminal_serial/serialanswerframing.h"
 
 #include <QtTest>
 

@@ -3,9 +3,9 @@
 // bytes that never start or end an answer. The terminal is a pseudo-terminal behind a
 // symlink listed in TERANOCOUNTER_SERIAL_PORTS; every case ends with the service still
 // running and serving the next POS request.
+#include "devsim/pseudoterminal.h"
 #include "posclient.h"
 #include "processusage.h"
-#include "pseudoterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"

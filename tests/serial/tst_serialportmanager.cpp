@@ -1,8 +1,8 @@
 // Serial port discovery and hot-plug, with pseudo-terminals as adapters and symlinks as
 // their names: a link appearing is a plug, a link going away (or its terminal closing)
 // an unplug.
-#include "pseudoterminal.h"
-#include "serialportmanager.h"
+#include "devsim/pseudoterminal.h"
+#include "terminal_serial/serialportmanager.h"
 #include "wait.h"
 
 #include <QElapsedTimer>

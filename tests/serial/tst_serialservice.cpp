@@ -2,9 +2,9 @@
 // outside: a POS on the gateway, a pseudo-terminal as the terminal (the service finds it
 // through TERANOCOUNTER_SERIAL_PORTS), the settings file, and what the process costs
 // while it waits for a terminal that is not plugged in.
+#include "devsim/pseudoterminal.h"
 #include "posclient.h"
 #include "processusage.h"
-#include "pseudoterminal.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "wait.h"

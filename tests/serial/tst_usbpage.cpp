@@ -1,12 +1,12 @@
 // The USB section of the popover as a user meets it, on Qt's offscreen platform: the
 // title's colours, the popups and what choosing in them does, the test print button.
-#include "notificationcenter.h"
-#include "notificationnames.h"
-#include "pseudoterminal.h"
-#include "serialportmanager.h"
-#include "usbpage.h"
-#include "usbviewcontroller.h"
-#include "userdefaults.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/userdefaults.h"
+#include "devsim/pseudoterminal.h"
+#include "shell/usbpage.h"
+#include "terminal_serial/serialportmanager.h"
+#include "terminal_serial/usbviewcontroller.h"
 #include "wait.h"
 
 #include <QApplication>

@@ -1,14 +1,14 @@
 // The USB terminal channel seen from its page and from the line: settings, the port it
 // opens, what the POS's requests put on the line, hot-plug, and the answers that go back.
 // Pseudo-terminals are the terminals; the page's controls are recording fakes.
-#include "cp949.h"
+#include "common/cp949.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "common/userdefaults.h"
+#include "devsim/pseudoterminal.h"
 #include "forked.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
-#include "pseudoterminal.h"
-#include "serialportmanager.h"
-#include "usbviewcontroller.h"
-#include "userdefaults.h"
+#include "terminal_serial/serialportmanager.h"
+#include "terminal_serial/usbviewcontroller.h"
 #include "wait.h"
 
 #include <QElapsedTimer>

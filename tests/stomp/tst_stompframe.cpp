@@ -1,4 +1,4 @@
-#include "stompframe.h"
+#include "stomp/stompframe.h"
 
 #include <QTest>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "outlets.h"
-#include "textlabel.h"
+#include "common/outlets.h"
+#include "common/textlabel.h"
 
 #include <optional>
 

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "devsim/printer.h"
 #include "posclient.h"
-#include "printer.h"
 #include "serviceprocess.h"
 
 // The usual start of a system test: the real service running in its own HOME, and one

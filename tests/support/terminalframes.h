@@ -1,6 +1,6 @@
 #pragma once
 
-#include "vendorscripts.h"
+#include "devsim/vendorscripts.h"
 
 #include <QByteArray>
 #include <QJsonDocument>

@@ -9,7 +9,7 @@
 //  - an accepted object written back out as JSON (by Qt's writer, with \u escapes for
 //    whatever is not ASCII) is read back as the same object, key for key, type for type
 //    and bit for bit.
-#include "request.h"
+#include "gateway/request.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -14,5 +14,5 @@ source "$root/tests/support/libfuzzer.sh"
 
 # shellcheck disable=SC2046
 run_libfuzzer "$1" request-fuzz "${2:-30}" "$here/seeds" "$here/request.dict" \
-    -I"$root/src/gateway" -I"$root/src/common" $(pkg-config --cflags --libs simdjson) \
+    -I"$root/src" $(pkg-config --cflags --libs simdjson) \
     "$root/src/gateway/request.cpp" "$root/src/common/textform.cpp" "$here/request_fuzz.cpp"

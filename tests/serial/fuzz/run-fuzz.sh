@@ -13,7 +13,7 @@ source "$root/tests/support/libfuzzer.sh"
 common="$root/src/common"
 
 run_libfuzzer "$1" serial-fuzz "${2:-30}" "$here/seeds" "" \
-    -I"$root/src/terminal_serial" -I"$common" \
+    -I"$root/src" \
     "$root/src/terminal_serial/serialanswerframing.cpp" \
     "$common/cp949.cpp" "$common/fatal.cpp" "$common/log.cpp" "$common/notificationcenter.cpp" \
     "$common/textform.cpp" "$common/userdefaults.cpp" \

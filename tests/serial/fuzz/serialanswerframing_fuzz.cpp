@@ -9,10 +9,10 @@
 //    every chunk has the outcome of a plain transcription of the rules, posts at most one
 //    response, and posts exactly the response of that outcome; the buffer is empty after
 //    every chunk that holds an ETX.
-#include "cp949.h"
-#include "notificationcenter.h"
-#include "notificationnames.h"
-#include "serialanswerframing.h"
+#include "common/cp949.h"
+#include "common/notificationcenter.h"
+#include "common/notificationnames.h"
+#include "terminal_serial/serialanswerframing.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -12,4 +12,4 @@ root="$(cd "$here/../../.." && pwd)"
 source "$root/tests/support/libfuzzer.sh"
 
 run_libfuzzer "$1" stomp-fuzz "${2:-30}" "$here/seeds" "$here/stomp.dict" \
-    -I"$root/src/stomp" "$root/src/stomp/stompframe.cpp" "$here/stompframe_fuzz.cpp"
+    -I"$root/src" "$root/src/stomp/stompframe.cpp" "$here/stompframe_fuzz.cpp"

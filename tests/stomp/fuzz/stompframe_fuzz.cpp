@@ -6,7 +6,7 @@
 //  - a parsed frame has the command of that line, no headers and no body;
 //  - the reply frames keep their fixed parts and their lengths around any session id or
 //    attachment, and end with NUL.
-#include "stompframe.h"
+#include "stomp/stompframe.h"
 
 #include <QString>
 #include <cstddef>

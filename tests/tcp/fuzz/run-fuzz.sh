@@ -13,6 +13,6 @@ root="$(cd "$here/../../.." && pwd)"
 source "$root/tests/support/libfuzzer.sh"
 
 run_libfuzzer "$1" tcp-fuzz "${2:-30}" "$here/seeds" "" \
-    -I"$root/src/terminal_tcp" -I"$root/src/common" \
+    -I"$root/src" \
     "$root/src/terminal_tcp/terminalanswers.cpp" "$root/src/common/cp949.cpp" \
     "$here/terminalanswers_fuzz.cpp"

@@ -4,8 +4,8 @@
 // plain rule it implements, and what is left is decoded the way it would reach the POS.
 // A fourth case cuts a valid answer into pieces at random points, up to 200 ms apart, and
 // checks that the POS gets the same text as from the answer in one piece.
-#include "cp949.h"
-#include "terminalanswers.h"
+#include "common/cp949.h"
+#include "terminal_tcp/terminalanswers.h"
 
 #include <QByteArrayList>
 #include <QString>
