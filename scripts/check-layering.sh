@@ -38,7 +38,8 @@ for dir in "$root"/src/*/; do
     fi
     used=()
     while IFS=: read -r file line; do
-        header="$(sed -E 's/^[[:space:]]*#[[:space:]]*include[[:space:]]+"([^"]+)".*/\1/' <<<"$line")"
+        header="${line#*\"}"
+        header="${header%%\"*}"
         rel="${file#"$root"/}"
         if [[ $header == */* ]]; then
             folder="${header%%/*}"
@@ -61,7 +62,8 @@ done
 
 # Tests and benchmarks reach src/ headers by folder too.
 while IFS=: read -r file line; do
-    header="$(sed -E 's/^[[:space:]]*#[[:space:]]*include[[:space:]]+"([^"]+)".*/\1/' <<<"$line")"
+    header="${line#*\"}"
+    header="${header%%\"*}"
     [[ $header == */* ]] && continue
     if compgen -G "$root/src/*/$header" >/dev/null; then
         problem "${file#"$root"/} includes \"$header\" without its folder"

@@ -1,5 +1,3 @@
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "common/userdefaults.h"
 #include "forked.h"
 #include "gateway/request.h"
@@ -7,6 +5,7 @@
 #include "localaddress.h"
 #include "posclient.h"
 #include "rawwebsocket.h"
+#include "recordingchannel.h"
 #include "wait.h"
 
 #include <QJsonDocument>
@@ -38,7 +37,9 @@ class GatewayTest : public QObject {
     QTemporaryDir config;
     std::unique_ptr<WebSocketViewController> gateway;
     RecordingLabel label;
-    QList<QVariantMap> usbRequests;
+    RecordingChannel tcpChannel;
+    RecordingChannel usbChannel;
+    QList<TerminalRequest> &usbRequests = usbChannel.requests;
     quint16 port = 0;
 
     // `client` connects by hand and sends the first frame: it is the POS.
@@ -54,15 +55,16 @@ private slots:
     void initTestCase() {
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
         UserDefaults::standard().setValue(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
-        NotificationCenter::defaultCenter().addObserver(
-            NotificationName::USBcontrol, this, [this](const QVariant &o) { usbRequests << o.toMap(); });
     }
 
     void init() {
         usbRequests.clear();
+        tcpChannel.requests.clear();
+        usbChannel.onRequest = nullptr;
         label = RecordingLabel();
         gateway = std::make_unique<WebSocketViewController>(0);
         gateway->websocketLabel = &label;
+        gateway->setTerminalChannels({&tcpChannel, &usbChannel});
         gateway->viewDidLoad();
         port = gateway->server.serverPort();
         QVERIFY(port != 0);
@@ -91,11 +93,8 @@ private slots:
         QVERIFY(!untouched.color);
     }
 
-    void tcpInterfacePostsTcpControl() {
-        QList<QVariantMap> tcpRequests;
-        QObject scope;
-        NotificationCenter::defaultCenter().addObserver(NotificationName::TCPcontrol, &scope,
-                                                        [&](const QVariant &o) { tcpRequests << o.toMap(); });
+    void tcpInterfaceHandsTheRequestToTheTcpChannel() {
+        const QList<TerminalRequest> &tcpRequests = tcpChannel.requests;
         UserDefaults::standard().setValue(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("TCP"));
         PosClient a;
         QVERIFY(a.open(port));
@@ -104,8 +103,9 @@ private slots:
         UserDefaults::standard().setValue(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("USB"));
         QVERIFY(arrived);
         QCOMPARE(usbRequests.size(), 0);
-        QCOMPARE(tcpRequests.first().value("van").toString(), QStringLiteral("KIS"));
-        QCOMPARE(tcpRequests.first().value("data").toByteArray(), QByteArray("\x02\x03"));
+        QCOMPARE(tcpRequests.first().van, QStringLiteral("KIS"));
+        QCOMPARE(tcpRequests.first().requestType, std::optional<QString>(QStringLiteral("payment")));
+        QCOMPARE(tcpRequests.first().data, QByteArray("\x02\x03"));
     }
 
     void displacedSessionGetsItsCloseFrameBeforeTheNewFrameIsRouted() {
@@ -118,15 +118,13 @@ private slots:
         // While B's frame is being routed, the gateway cannot run: what A can read then is
         // what the gateway wrote before routing began.
         std::optional<int> closeCodeBeforeRouting;
-        QObject scope;
-        NotificationCenter::defaultCenter().addObserver(
-            NotificationName::USBcontrol, &scope, [&](const QVariant &) {
-                if (closeCodeBeforeRouting)
-                    return;
-                a.socket.waitForReadyRead(2000);
-                const auto frames = a.awaitFrames(1, 0);
-                closeCodeBeforeRouting = frames.isEmpty() ? -1 : frames.first().closeCode();
-            });
+        usbChannel.onRequest = [&](const TerminalRequest &) {
+            if (closeCodeBeforeRouting)
+                return;
+            a.socket.waitForReadyRead(2000);
+            const auto frames = a.awaitFrames(1, 0);
+            closeCodeBeforeRouting = frames.isEmpty() ? -1 : frames.first().closeCode();
+        };
         b.send(usbPrint());
         QVERIFY(waitUntil([&] { return closeCodeBeforeRouting.has_value(); }, 3000));
         QCOMPARE(*closeCodeBeforeRouting, int(QWebSocketProtocol::CloseCodeNormal));
@@ -159,11 +157,7 @@ private slots:
         QVERIFY(waitUntil([&] { return b.disconnected; }, 3000));
         QCOMPARE(b.closeCode, QWebSocketProtocol::CloseCodeNormal);
 
-        NotificationCenter::defaultCenter().post(
-            NotificationName::WEBSOCKET,
-            QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("for A")}}},
-                        {"devicetype", "CAT"},
-                        {"devicename", "KIS-7430"}});
+        gateway->deliverAnswer({QStringLiteral("for A"), QStringLiteral("KIS-7430")});
         const auto answers = a.awaitFrames(1, 3000);
         QCOMPARE(answers.size(), 1);
         QCOMPARE(answers.first().opcode, 0x1);
@@ -221,20 +215,23 @@ private slots:
         a.send(usbPrint());
         QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
         QVERIFY(gateway->wsSession);
-        QCOMPARE(usbRequests.first().value("data").toByteArray(), QByteArray("\x01\x02\x03"));
+        QCOMPARE(usbRequests.first().data, QByteArray("\x01\x02\x03"));
     }
 
-    void usbRequestCarriesAllFiveKeys() {
+    void usbRequestCarriesWhatThePosSent() {
         PosClient a;
         QVERIFY(a.open(port));
         a.send(usbPrint());
-        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
-        const QVariantMap r = usbRequests.first();
-        QCOMPARE(r.keys(), (QStringList{"data", "ip", "port", "requesttype", "van"}));
-        QCOMPARE(r.value("requesttype").toString(), QStringLiteral("print"));
-        QVERIFY(isNull(r.value("ip")));
-        QVERIFY(isNull(r.value("port")));
-        QVERIFY(isNull(r.value("van")));
+        a.send(R"({"requesttype":7,"data":[9],"van":["KIS"]})");
+        QVERIFY(waitUntil([&] { return usbRequests.size() == 2; }, 3000));
+        QCOMPARE(usbRequests[0].requestType, std::optional<QString>(QStringLiteral("print")));
+        QCOMPARE(usbRequests[0].van, QString());
+        QCOMPARE(usbRequests[0].data, QByteArray("\x01\x02\x03"));
+        // Only JSON text counts as a request type or a VAN.
+        QCOMPARE(usbRequests[1].requestType, std::nullopt);
+        QCOMPARE(usbRequests[1].van, QString());
+        QCOMPARE(usbRequests[1].data, QByteArray("\x09"));
+        QCOMPARE(tcpChannel.requests.size(), 0);
     }
 
     void mostRecentSenderWins() {
@@ -249,11 +246,7 @@ private slots:
         QCOMPARE(usbRequests.size(), 2);
         QVERIFY(!b.disconnected);
 
-        NotificationCenter::defaultCenter().post(
-            NotificationName::WEBSOCKET,
-            QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("OK")}}},
-                        {"devicetype", "CAT"},
-                        {"devicename", "KIS-7430"}});
+        gateway->deliverAnswer({QStringLiteral("OK"), QStringLiteral("KIS-7430")});
         QVERIFY(waitUntil([&] { return b.texts.size() == 1; }, 3000));
         QCOMPARE(a.texts.size(), 0);
         const QJsonObject json = QJsonDocument::fromJson(b.texts.first().toUtf8()).object();
@@ -264,8 +257,7 @@ private slots:
     void connectionThatNeverSendsGetsNoResponses() {
         PosClient silent;
         QVERIFY(silent.open(port));
-        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                                 QVariantMap{{"response", QVariantMap{{"data", "x"}}}});
+        gateway->deliverAnswer({QStringLiteral("x"), QStringLiteral("KIS-7430")});
         keepRunningFor(300);
         QCOMPARE(silent.texts.size(), 0);
     }
@@ -281,8 +273,7 @@ private slots:
         keepRunningFor(300);
         QCOMPARE(usbRequests.size(), 1);
         QVERIFY(!a.disconnected);
-        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                                 QVariantMap{{"response", QVariantMap{{"data", "due"}}}});
+        gateway->deliverAnswer({QStringLiteral("due"), QStringLiteral("KIS-7430")});
         QVERIFY(waitUntil([&] { return a.texts.size() == 1; }, 3000));
         QCOMPARE(b.texts.size(), 0);
     }
@@ -292,11 +283,7 @@ private slots:
         QVERIFY(a.open(port));
         a.send(usbPrint());
         QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
-        NotificationCenter::defaultCenter().post(
-            NotificationName::WEBSOCKET,
-            QVariantMap{{"response", QVariantMap{{"data", QStringLiteral("승인 완료 \"1234\"")}}},
-                        {"devicetype", "CAT"},
-                        {"devicename", "TS-132N"}});
+        gateway->deliverAnswer({QStringLiteral("승인 완료 \"1234\""), QStringLiteral("TS-132N")});
         QVERIFY(waitUntil([&] { return a.texts.size() == 1; }, 3000));
         QJsonParseError error;
         const QJsonDocument doc = QJsonDocument::fromJson(a.texts.first().toUtf8(), &error);
@@ -311,20 +298,16 @@ private slots:
         QVERIFY(a.open(port));
         a.send(usbPrint());
         QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
-        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                                 QVariantMap{{"devicename", "TS-132N"},
-                                                             {"devicetype", "CAT"},
-                                                             {"response", QVariantMap{{"data", "ABC"}}}});
-        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                                 QVariantMap{{"zeta", 1},
-                                                             {"devicename", QStringLiteral("김")},
-                                                             {"alpha", true},
-                                                             {"response", QVariantMap{{"data", "x"}}}});
+        gateway->deliverAnswer({QStringLiteral("ABC"), QStringLiteral("TS-132N")});
+        gateway->deliverAnswer({QStringLiteral("x\"\\/\n\u0001"), QStringLiteral("김")});
         QVERIFY(waitUntil([&] { return a.texts.size() == 2; }, 3000));
         QCOMPARE(a.texts[0],
                  QStringLiteral(R"({"response":{"data":"ABC"},"devicetype":"CAT","devicename":"TS-132N"})"));
+        // Quotes, backslashes and control characters escaped as JSON has them.
+        const QString escaped = QStringLiteral("x\\\"\\\\/\\n\\u0001");
         QCOMPARE(a.texts[1],
-                 QStringLiteral(R"({"response":{"data":"x"},"devicename":"김","alpha":true,"zeta":1})"));
+                 QStringLiteral("{\"response\":{\"data\":\"") + escaped +
+                     QStringLiteral("\"},\"devicetype\":\"CAT\",\"devicename\":\"김\"}"));
     }
 
     void responseFromAnotherThreadReachesThePos() {
@@ -332,11 +315,10 @@ private slots:
         QVERIFY(a.open(port));
         a.send(usbPrint());
         QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
-        std::unique_ptr<QThread> worker(QThread::create([] {
+        // As a channel on another thread gives its answers: answerReady, emitted there.
+        std::unique_ptr<QThread> worker(QThread::create([this] {
             for (int i = 0; i < 3; ++i)
-                NotificationCenter::defaultCenter().post(
-                    NotificationName::WEBSOCKET,
-                    QVariantMap{{"response", QVariantMap{{"data", QString::number(i)}}}});
+                emit usbChannel.answerReady({QString::number(i), QStringLiteral("KIS-7430")});
         }));
         worker->start();
         QVERIFY(worker->wait(3000));
@@ -354,12 +336,9 @@ private slots:
     void responseBeforeAnyFrameIsDropped() {
         PosClient silent;
         QVERIFY(silent.open(port));
-        // Not even a malformed object stops the service while no POS has spoken.
-        const ChildOutcome outcome = runInChild([] {
-            NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET, QVariant(5));
-            NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET);
-            NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                                     QVariantMap{{"response", QVariantMap{{"data", "x"}}}});
+        const ChildOutcome outcome = runInChild([this] {
+            emit usbChannel.answerReady({QStringLiteral("x"), QStringLiteral("KIS-7430")});
+            emit tcpChannel.answerReady({QStringLiteral("y"), QStringLiteral("KIS7430")});
         });
         QCOMPARE(outcome.exitCode, 0);
         QCOMPARE(outcome.standardError, QByteArray());
@@ -380,15 +359,9 @@ private slots:
         // only connected does not get it.
         PosClient newcomer;
         QVERIFY(newcomer.open(port));
-        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                                 QVariantMap{{"response", QVariantMap{{"data", "late"}}}});
+        emit tcpChannel.answerReady({QStringLiteral("late"), QStringLiteral("KIS7430")});
         keepRunningFor(200);
         QCOMPARE(newcomer.texts.size(), 0);
-        // A malformed response is still a broken channel, held session or not.
-        const ChildOutcome outcome =
-            runInChild([] { NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET); });
-        QVERIFY(outcome.exitCode != 0);
-        QVERIFY(outcome.standardError.startsWith("fatal: "));
     }
 
     void plainPageRequestForTheGatewayIsRefused() {
@@ -398,26 +371,6 @@ private slots:
         socket.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
         QVERIFY(waitUntil([&] { return socket.bytesAvailable() > 0; }, 3000));
         QVERIFY(socket.readAll().startsWith("HTTP/1.1 400"));
-    }
-
-    void malformedResponseStopsTheService_data() {
-        QTest::addColumn<QVariant>("object");
-        QTest::newRow("absent") << QVariant();
-        QTest::newRow("not a dictionary") << QVariant(QStringLiteral("OK"));
-        QTest::newRow("bytes inside") << QVariant(QVariantMap{{"response", QByteArray("\x01")}});
-        QTest::newRow("not a number") << QVariant(QVariantMap{{"n", std::nan("")}});
-    }
-    void malformedResponseStopsTheService() {
-        QFETCH(QVariant, object);
-        PosClient a;
-        QVERIFY(a.open(port));
-        a.send(usbPrint());
-        QVERIFY(waitUntil([&] { return usbRequests.size() == 1; }, 3000));
-        const ChildOutcome outcome = runInChild([&] { gateway->notificationHandler(object); });
-        QVERIFY(outcome.exitedNormally);
-        QVERIFY(outcome.exitCode != 0);
-        QVERIFY2(outcome.standardError.startsWith("fatal: "), outcome.standardError.constData());
-        QCOMPARE(outcome.standardError.count('\n'), 1);
     }
 
     void startWithoutStatusLabelStopsTheService() {

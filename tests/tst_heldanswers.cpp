@@ -1,7 +1,5 @@
 // Held terminal answers (HOLD_UNDELIVERED_ANSWERS) as the gateway hands them to a POS that
 // connects: in the order they came, and without keeping anyone else waiting meanwhile.
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "common/userdefaults.h"
 #include "gateway/websocketviewcontroller.h"
 #include "posclient.h"
@@ -59,9 +57,7 @@ private slots:
     // in one go, the second handshake could only be served after them.
     void handshakeIsServedWhileHeldAnswersGoOut() {
         for (int i = 1; i <= 100; ++i)
-            NotificationCenter::defaultCenter().post(
-                NotificationName::WEBSOCKET,
-                QVariantMap{{"response", QVariantMap{{"data", numbered(i)}}}, {"devicetype", "CAT"}});
+            gateway->deliverAnswer({numbered(i), QStringLiteral("KIS7430")});
         QCOMPARE(PendingStore::shared()->answers().size(), 100);
 
         QStringList events;

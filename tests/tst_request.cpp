@@ -367,7 +367,7 @@ private slots:
         QTest::addColumn<QString>("requesttype");
         QTest::addColumn<QString>("interface");
         QTest::addColumn<int>("target");
-        const int tcp = int(RouteTarget::TCPcontrol), usb = int(RouteTarget::USBcontrol),
+        const int tcp = int(RouteTarget::TcpTerminal), usb = int(RouteTarget::UsbTerminal),
                   drop = int(RouteTarget::Drop), kitchen = int(RouteTarget::KitchenPrint);
         QTest::newRow("print on USB") << R"("print")"
                                       << "USB" << usb;

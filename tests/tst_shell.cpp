@@ -1,21 +1,26 @@
 // The application shell under the offscreen platform: the storyboard, the main page's
 // buttons and exit alert, where the popover opens, login items and the one-instance socket.
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "common/userdefaults.h"
 #include "forked.h"
+#include "gateway/websocketviewcontroller.h"
+#include "posclient.h"
+#include "recordingoutlets.h"
 #include "shell/appdelegate.h"
 #include "shell/loginitems.h"
 #include "shell/popover.h"
 #include "shell/singleinstance.h"
 #include "shell/viewcontroller.h"
 #include "stdoutcapture.h"
+#include "terminal_serial/serialportmanager.h"
+#include "terminal_serial/usbviewcontroller.h"
+#include "terminal_tcp/tcpviewcontroller.h"
 #include "wait.h"
 
 #include <QApplication>
 #include <QLocalServer>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QtTest>
@@ -127,13 +132,65 @@ private slots:
 
     void closeButtonAsksTheDelegateToClose() {
         std::unique_ptr<ViewController> main(ViewController::freshController());
-        QList<QVariant> posted;
-        QObject scope;
-        NotificationCenter::defaultCenter().addObserver(NotificationName::appDelegateNoti, &scope,
-                                                        [&](const QVariant &o) { posted << o; });
+        QSignalSpy closeRequested(main.get(), &ViewController::closeRequested);
         main->closeClicked();
-        QCOMPARE(posted.size(), 1);
-        QCOMPARE(posted.first().toMap(), (QVariantMap{{"msg", "closePopover"}}));
+        QCOMPARE(closeRequested.size(), 1);
+    }
+
+    // ---- how the pages' controllers are joined
+
+    void choosingOneTerminalChannelGreysTheOther() {
+        SerialPortManager::Options noPorts;
+        noPorts.systemPorts = false;
+        SerialPortManager manager(noPorts);
+        TCPViewController tcp;
+        USBViewController usb(manager);
+        RecordingTitle tcpTitle, usbTitle;
+        tcp.titleLabel = &tcpTitle;
+        usb.titleLabel = &usbTitle;
+        connectTerminalChannels(nullptr, &tcp, &usb);
+
+        tcp.titleLabelClicked();
+        QCOMPARE(UserDefaults::standard().string("MAIN_INTERFACE"), std::optional<QString>("TCP"));
+        QCOMPARE(tcpTitle.background, std::optional<Rgba>(PageColor::selectedBlue));
+        QCOMPARE(usbTitle.background, std::optional<Rgba>(PageColor::deselectedGrey));
+        usb.titleLabelClickedWithSender();
+        QCOMPARE(UserDefaults::standard().string("MAIN_INTERFACE"), std::optional<QString>("USB"));
+        QCOMPARE(usbTitle.background, std::optional<Rgba>(PageColor::selectedBlue));
+        QCOMPARE(tcpTitle.background, std::optional<Rgba>(PageColor::deselectedGrey));
+    }
+
+    void theGatewayHandsRequestsToTheActiveChannelAndSendsBackEitherOnesAnswers() {
+        SerialPortManager::Options noPorts;
+        noPorts.systemPorts = false;
+        SerialPortManager manager(noPorts);
+        TCPViewController tcp;
+        USBViewController usb(manager);
+        WebSocketViewController gateway(0);
+        RecordingLabel label;
+        gateway.websocketLabel = &label;
+        gateway.viewDidLoad();
+        connectTerminalChannels(&gateway, &tcp, &usb);
+        StdoutCapture capture;
+
+        UserDefaults::standard().setValue("MAIN_INTERFACE", "TCP");
+        PosClient pos;
+        QVERIFY(pos.open(gateway.server.serverPort()));
+        // A KIS request with no terminal address set goes nowhere, but the TCP channel says
+        // it took it.
+        UserDefaults::standard().remove("TCP_IP");
+        pos.send(R"({"requesttype":"payment","van":"KIS","data":[2,3]})");
+        QVERIFY(waitUntil(
+            [&] { return capture.lines().contains(R"(TCP request: requesttype "payment", van "KIS")"); },
+            3000));
+        emit tcp.answerReady({QStringLiteral("승인"), QStringLiteral("KIS7430")});
+        QVERIFY(waitUntil([&] { return pos.texts.size() == 1; }, 3000));
+        QCOMPARE(pos.texts[0],
+                 QStringLiteral(R"({"response":{"data":"승인"},"devicetype":"CAT","devicename":"KIS7430"})"));
+        emit usb.answerReady({QStringLiteral("OK"), QStringLiteral("TS-132N")});
+        QVERIFY(waitUntil([&] { return pos.texts.size() == 2; }, 3000));
+        QCOMPARE(pos.texts[1],
+                 QStringLiteral(R"({"response":{"data":"OK"},"devicetype":"CAT","devicename":"TS-132N"})"));
     }
 
     void exitAsksInKoreanWithExitFirstAndCancelKeepsRunning() {

@@ -1,8 +1,6 @@
 // The TCP terminal channel in-process: its controller with recorded outlets, fake KICC,
-// KIS and SMARTRO terminals on loopback, the answer listeners on loopback, and the bus.
+// KIS and SMARTRO terminals on loopback, and the answer listeners on loopback.
 #include "common/cp949.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "common/userdefaults.h"
 #include "devsim/answercall.h"
 #include "devsim/scriptedterminal.h"
@@ -22,9 +20,16 @@
 
 namespace {
 
-QVariantMap request(const QVariant &van, const QByteArray &data, const QVariant &requestType = "payment") {
-    const QVariant null = QVariant::fromValue(nullptr);
-    return {{"data", data}, {"ip", null}, {"port", null}, {"van", van}, {"requesttype", requestType}};
+// A request as routing hands it over: "van" and "requesttype" count only as JSON text.
+TerminalRequest request(const QVariant &van, const QByteArray &data,
+                        const QVariant &requestType = "payment") {
+    TerminalRequest r;
+    r.data = data;
+    if (van.typeId() == QMetaType::QString)
+        r.van = van.toString();
+    if (requestType.typeId() == QMetaType::QString)
+        r.requestType = requestType.toString();
+    return r;
 }
 
 QByteArray cp(const QString &text) {
@@ -42,8 +47,8 @@ QString closedAboutOneSecondAfterTheRequest(const devsim::ScriptedTerminal &term
                                        : QStringLiteral("closed %1 ms after the request").arg(held);
 }
 
-QVariantMap answer(const QString &text, const QString &deviceName) {
-    return {{"response", QVariantMap{{"data", text}}}, {"devicetype", "CAT"}, {"devicename", deviceName}};
+TerminalAnswer answer(const QString &text, const QString &deviceName) {
+    return {text, deviceName};
 }
 
 } // namespace
@@ -51,8 +56,8 @@ QVariantMap answer(const QString &text, const QString &deviceName) {
 class TcpChannelTest : public QObject {
     Q_OBJECT
     QTemporaryDir config;
-    QList<QVariantMap> answers;
-    QList<QVariantMap> usbMessages;
+    QList<TerminalAnswer> answers;
+    int interfaceChosen = 0; // times the page said TCP was made the active interface
     std::unique_ptr<StdoutCapture> capture;
     std::unique_ptr<devsim::ScriptedTerminal> kicc, kis, smartro;
     std::unique_ptr<TCPViewController> controller;
@@ -64,6 +69,10 @@ class TcpChannelTest : public QObject {
 
     void load(ExchangeTimings timings = {}) {
         controller = std::make_unique<TCPViewController>();
+        QObject::connect(controller.get(), &TerminalChannel::answerReady,
+                         [this](const TerminalAnswer &a) { answers << a; });
+        QObject::connect(controller.get(), &TCPViewController::interfaceChosen,
+                         [this] { ++interfaceChosen; });
         controller->titleLabel = &title;
         controller->ipTextfield = &ipField;
         controller->tcpDevicePopupButton = &popup;
@@ -78,9 +87,7 @@ class TcpChannelTest : public QObject {
         controller->viewDidLoad();
     }
 
-    void post(const QVariantMap &object) {
-        NotificationCenter::defaultCenter().post(NotificationName::TCPcontrol, object);
-    }
+    void post(const TerminalRequest &r) { controller->handleRequest(r); }
 
     int connectionCount() const {
         return static_cast<int>(kicc->connections().size() + kis->connections().size() +
@@ -112,20 +119,14 @@ class TcpChannelTest : public QObject {
     }
 
 private slots:
-    void initTestCase() {
-        qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
-        NotificationCenter::defaultCenter().addObserver(NotificationName::WEBSOCKET, this,
-                                                        [this](const QVariant &o) { answers << o.toMap(); });
-        NotificationCenter::defaultCenter().addObserver(
-            NotificationName::USBcontrol, this, [this](const QVariant &o) { usbMessages << o.toMap(); });
-    }
+    void initTestCase() { qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path())); }
 
     void init() {
         for (const QString &key : UserDefaults::standard().keys())
             UserDefaults::standard().remove(key);
         UserDefaults::standard().setValue("TCP_IP", "127.0.0.1");
         answers.clear();
-        usbMessages.clear();
+        interfaceChosen = 0;
         title = {};
         ipField = {};
         popup = {};
@@ -204,11 +205,11 @@ private slots:
         QCOMPARE(capture->lines(), QStringList{R"(TCP request: requesttype "", van "Kis")"});
     }
 
-    void deselectWithAnEmptyVanNeverOpensASocket() {
+    void usbTakingOverNeverOpensASocket() {
         load();
         ipField.editable = true;
         ipField.enabled = true;
-        post({{"msg", "deselect"}, {"van", ""}});
+        controller->otherInterfaceChosen();
         QCOMPARE(title.background, std::optional<Rgba>(PageColor::deselectedGrey));
         QCOMPARE(title.text, std::optional<Rgba>(PageColor::selectedBlue));
         QCOMPARE(ipField.editable, std::optional<bool>(false));
@@ -218,19 +219,10 @@ private slots:
         QVERIFY(UserDefaults::standard().value("MAIN_INTERFACE") == std::nullopt); // only the look changes
     }
 
-    void deselectWithAVendorVanIsSentAnyway() {
+    void requestNamingNoVendorChangesNothing() {
         load();
-        QVariantMap r = request("KIS", "\x02PAY\x03");
-        r.insert("msg", "deselect");
-        post(r);
-        QVERIFY(waitUntil([&] { return kis->connections().size() == 1; }, 3000));
-        QVERIFY(!title.background.has_value());
-    }
-
-    void anotherMessageChangesNothing() {
-        load();
-        post({{"msg", "select"}, {"van", ""}});
-        post({{"msg", "Deselect"}, {"van", ""}});
+        post(request("", ""));
+        post(request("", "", "msg"));
         QVERIFY(!title.background.has_value());
         QVERIFY(!ipField.enabled.has_value());
     }
@@ -790,16 +782,14 @@ private slots:
         ipField.editable = false;
         controller->titleLabelClicked();
         QCOMPARE(UserDefaults::standard().string("MAIN_INTERFACE"), std::optional<QString>("TCP"));
-        QCOMPARE(usbMessages.size(), 1);
-        QCOMPARE(usbMessages.first(),
-                 (QVariantMap{{"msg", "deselect"}, {"van", ""}, {"requesttype", "msg"}}));
+        QCOMPARE(interfaceChosen, 1);
         QCOMPARE(ipField.value, QStringLiteral("192.168.0.10"));
         QCOMPARE(ipField.enabled, std::optional<bool>(true));
         QCOMPARE(ipField.editable, std::optional<bool>(true));
         QCOMPARE(title.background, std::optional<Rgba>(PageColor::selectedBlue));
         QCOMPARE(title.text, std::optional<Rgba>(PageColor::white));
-        controller->titleLabelClicked(); // again: the same message again
-        QCOMPARE(usbMessages.size(), 2);
+        controller->titleLabelClicked(); // again: said again
+        QCOMPARE(interfaceChosen, 2);
     }
 
     void appearingPaintsTheTitleOnlyWhenTcpIsActive() {
@@ -828,6 +818,10 @@ private slots:
 
     void listenersBindTheFirstAddressOfTheLookup() {
         controller = std::make_unique<TCPViewController>();
+        QObject::connect(controller.get(), &TerminalChannel::answerReady,
+                         [this](const TerminalAnswer &a) { answers << a; });
+        QObject::connect(controller.get(), &TCPViewController::interfaceChosen,
+                         [this] { ++interfaceChosen; });
         controller->localAddressLookup = [] { return QStringList{"127.0.0.2", "127.0.0.1"}; };
         controller->kiccAnswerPort = 0;
         controller->smartroAnswerPort = 0;
@@ -843,6 +837,10 @@ private slots:
         QTcpServer squatter;
         QVERIFY(squatter.listen(QHostAddress::LocalHost));
         controller = std::make_unique<TCPViewController>();
+        QObject::connect(controller.get(), &TerminalChannel::answerReady,
+                         [this](const TerminalAnswer &a) { answers << a; });
+        QObject::connect(controller.get(), &TCPViewController::interfaceChosen,
+                         [this] { ++interfaceChosen; });
         controller->kiccLabel = &kiccLabel;
         controller->smartroLabel = &smartroLabel;
         controller->localAddressLookup = [] { return QStringList{"127.0.0.1"}; };

@@ -505,8 +505,8 @@ routeFor(const QVariantMap &requestObject, const std::function<std::optional<QVa
                                            "terminal requests")};
     const QString name = textualForm(*interface);
     if (name == QLatin1String("TCP"))
-        return RouteTarget::TCPcontrol;
+        return RouteTarget::TcpTerminal;
     if (name == QLatin1String("USB"))
-        return RouteTarget::USBcontrol;
+        return RouteTarget::UsbTerminal;
     return RouteTarget::Drop;
 }

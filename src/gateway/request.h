@@ -36,7 +36,7 @@ struct ParsedRequest {
 };
 std::variant<ParsedRequest, RequestError> parseRequest(const QString &frameText);
 
-enum class RouteTarget { KitchenPrint, TCPcontrol, USBcontrol, Drop };
+enum class RouteTarget { KitchenPrint, TcpTerminal, UsbTerminal, Drop };
 
 // Step three: where the request goes. Kitchen orders never look at MAIN_INTERFACE, so
 // kitchen printing works whichever terminal is set, or none. `mainInterface` is asked

@@ -2,8 +2,7 @@
 
 #include "common/fatal.h"
 #include "common/log.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
+#include "common/terminalchannel.h"
 #include "common/userdefaults.h"
 #include "kitchen/kitchenprintservice.h"
 #include "request.h"
@@ -16,9 +15,23 @@ template <typename T> T orStop(std::variant<T, RequestError> result) {
     return std::get<T>(std::move(result));
 }
 
+// The five-key dictionary as a channel takes it. Routing always puts bytes in "data"; the
+// POS's "requesttype" and "van" count only when it sent them as JSON text.
+TerminalRequest terminalRequest(const QVariantMap &internal) {
+    TerminalRequest request;
+    request.data = internal.value(RequestKey::data).toByteArray();
+    const QVariant type = internal.value(RequestKey::requesttype);
+    if (type.typeId() == QMetaType::QString)
+        request.requestType = type.toString();
+    const QVariant van = internal.value(RequestKey::van);
+    if (van.typeId() == QMetaType::QString)
+        request.van = van.toString();
+    return request;
+}
+
 } // namespace
 
-void handleRequest(const QString &text) {
+void handleRequest(const QString &text, const TerminalChannels &channels) {
     logLine(QStringLiteral("RECV FIRED!!!:"));
 
     const ParsedRequest request = orStop(parseRequest(text));
@@ -30,11 +43,13 @@ void handleRequest(const QString &text) {
     case RouteTarget::KitchenPrint:
         KitchenPrintService().printKitchenOrder(internal);
         break;
-    case RouteTarget::TCPcontrol:
-        NotificationCenter::defaultCenter().post(NotificationName::TCPcontrol, internal);
+    case RouteTarget::TcpTerminal:
+        if (channels.tcp)
+            channels.tcp->handleRequest(terminalRequest(internal));
         break;
-    case RouteTarget::USBcontrol:
-        NotificationCenter::defaultCenter().post(NotificationName::USBcontrol, internal);
+    case RouteTarget::UsbTerminal:
+        if (channels.usb)
+            channels.usb->handleRequest(terminalRequest(internal));
         break;
     case RouteTarget::Drop:
         break;

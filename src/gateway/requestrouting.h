@@ -2,8 +2,17 @@
 
 #include <QString>
 
+class TerminalChannel;
+
+// The terminal channels routing hands requests to. One that is missing (a gateway run on
+// its own, as in its tests) takes nothing: its requests are dropped.
+struct TerminalChannels {
+    TerminalChannel *tcp = nullptr;
+    TerminalChannel *usb = nullptr;
+};
+
 // Turns one POS text frame into one action: a kitchen print, a request for the TCP or the
-// USB terminal channel (posted on the bus, handled before this returns), or nothing.
-// Prints "RECV FIRED!!!:" first for every frame. A frame that cannot be read, and a
-// terminal request while no interface has been chosen, stop the service.
-void handleRequest(const QString &text);
+// USB terminal channel (handled before this returns), or nothing. Prints "RECV FIRED!!!:"
+// first for every frame. A frame that cannot be read, and a terminal request while no
+// interface has been chosen, stop the service.
+void handleRequest(const QString &text, const TerminalChannels &channels);

@@ -2,113 +2,20 @@
 
 #include "common/fatal.h"
 #include "common/log.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "common/userdefaults.h"
 #include "kitchen/printerallowlist.h"
 #include "originpolicy.h"
 #include "requestrouting.h"
 #include "store/pendingstore.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QThread>
 #include <QWebSocket>
 #include <chrono>
-#include <cmath>
-
-namespace {
-
-// Strict conversion of a response to JSON: only what JSON can hold (null, booleans, finite
-// numbers, text, lists and maps of those). Anything else means a channel built a broken
-// response, which is not something to send half of to the POS.
-std::optional<QJsonValue> toJson(const QVariant &value) {
-    switch (value.typeId()) {
-    case QMetaType::Nullptr:
-        return QJsonValue(QJsonValue::Null);
-    case QMetaType::Bool:
-        return QJsonValue(value.toBool());
-    case QMetaType::Int:
-    case QMetaType::UInt:
-    case QMetaType::LongLong:
-        return QJsonValue(value.toLongLong());
-    case QMetaType::ULongLong:
-        return QJsonValue(static_cast<double>(value.toULongLong()));
-    case QMetaType::Float:
-    case QMetaType::Double: {
-        const double d = value.toDouble();
-        if (!std::isfinite(d))
-            return std::nullopt;
-        return QJsonValue(d);
-    }
-    case QMetaType::QString:
-        return QJsonValue(value.toString());
-    case QMetaType::QStringList:
-    case QMetaType::QVariantList: {
-        QJsonArray array;
-        for (const QVariant &element : value.toList()) {
-            const std::optional<QJsonValue> json = toJson(element);
-            if (!json)
-                return std::nullopt;
-            array.append(*json);
-        }
-        return array;
-    }
-    case QMetaType::QVariantHash:
-    case QMetaType::QVariantMap: {
-        QJsonObject object;
-        const QVariantMap map = value.toMap();
-        for (auto it = map.begin(); it != map.end(); ++it) {
-            const std::optional<QJsonValue> json = toJson(it.value());
-            if (!json)
-                return std::nullopt;
-            object.insert(it.key(), *json);
-        }
-        return object;
-    }
-    default:
-        return std::nullopt;
-    }
-}
-
-// One JSON value as compact text.
-QString compactText(const QJsonValue &value) {
-    const QByteArray wrapped = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
-    return QString::fromUtf8(wrapped.mid(1, wrapped.size() - 2));
-}
-
-// A response as the POS has always read it: the answer first, then what answered it
-// ({"response":...,"devicetype":...,"devicename":...}), any other keys after those in
-// sorted order. QJsonObject alone would sort all the keys and put "response" last.
-QString responseText(const QVariantMap &response, const QJsonObject &json) {
-    static const QStringList leading{QStringLiteral("response"), QStringLiteral("devicetype"),
-                                     QStringLiteral("devicename")};
-    QStringList keys;
-    for (const QString &key : leading)
-        if (response.contains(key))
-            keys << key;
-    for (const QString &key : response.keys())
-        if (!leading.contains(key))
-            keys << key;
-    QString text = QStringLiteral("{");
-    for (const QString &key : keys) {
-        if (text.size() > 1)
-            text += u',';
-        text += compactText(key) + u':' + compactText(json.value(key));
-    }
-    return text + u'}';
-}
-
-} // namespace
 
 WebSocketViewController::WebSocketViewController(quint16 port, QObject *parent)
     : QObject(parent), server(QStringLiteral("teranocounter")), port(port) {}
 
 WebSocketViewController::~WebSocketViewController() {
-    // Before any member goes: a response posted now must not reach a half-destroyed gateway.
-    if (responseObserver)
-        NotificationCenter::defaultCenter().removeObserver(responseObserver);
     // Sockets still open go with the server, after the members their signals would reach.
     for (const QPointer<QWebSocket> &socket : std::as_const(openConnections))
         if (socket)
@@ -116,9 +23,6 @@ WebSocketViewController::~WebSocketViewController() {
 }
 
 void WebSocketViewController::viewDidLoad() {
-    responseObserver = NotificationCenter::defaultCenter().addObserver(
-        NotificationName::WEBSOCKET, nullptr,
-        [this](const QVariant &object) { notificationHandler(object); });
     // A store that cannot be opened is said at start, not at the first lost answer.
     if (holdUndeliveredAnswers())
         PendingStore::shared();
@@ -167,6 +71,9 @@ void WebSocketViewController::startWebSocketServer() {
                     .arg(server.errorString()));
         return;
     }
+    // Two checks of one label, on purpose: each write to the page's label carries its own,
+    // so that moving either write elsewhere takes its stop along. A page without the label
+    // stops at the first.
     if (!websocketLabel)
         fatalStop(QStringLiteral("the gateway page has no status label"));
     websocketLabel->setStringValue(QStringLiteral("서비스 시작"));
@@ -200,10 +107,23 @@ void WebSocketViewController::acceptTextFrame(QWebSocket *session, const QString
     }
     if (changed)
         showOriginState();
-    handleRequest(text);
+    handleRequest(text, channels);
 }
 
-void WebSocketViewController::notificationHandler(const QVariant &object) {
+void WebSocketViewController::setTerminalChannels(const TerminalChannels &terminals) {
+    for (TerminalChannel *old : {channels.tcp, channels.usb})
+        if (old)
+            disconnect(old, &TerminalChannel::answerReady, this, nullptr);
+    channels = terminals;
+    // Direct: the answer is judged on the thread that produced it, against the session held
+    // at that moment, as deliverAnswer says.
+    for (TerminalChannel *channel : {channels.tcp, channels.usb})
+        if (channel)
+            connect(channel, &TerminalChannel::answerReady, this, &WebSocketViewController::deliverAnswer,
+                    Qt::DirectConnection);
+}
+
+void WebSocketViewController::deliverAnswer(const TerminalAnswer &answer) {
     QPointer<QWebSocket> session;
     {
         QMutexLocker lock(&sessionMutex);
@@ -211,12 +131,7 @@ void WebSocketViewController::notificationHandler(const QVariant &object) {
             return; // no POS has spoken yet: nobody to answer
         session = wsSession;
     }
-    if (object.typeId() != QMetaType::QVariantMap)
-        fatalStop(QStringLiteral("a response for the POS is not a dictionary"));
-    const std::optional<QJsonValue> json = toJson(object);
-    if (!json)
-        fatalStop(QStringLiteral("a response for the POS cannot be written as JSON"));
-    const QString text = responseText(object.toMap(), json->toObject());
+    const QString text = answer.json();
 
     // The response goes to the session held when it was posted, even if another POS
     // takes over before the write runs.

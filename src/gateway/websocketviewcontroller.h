@@ -1,11 +1,12 @@
 #pragma once
 
-#include "common/notificationcenter.h"
 #include "common/outlets.h"
+#include "common/terminalchannel.h"
 #include "common/textlabel.h"
 #include "kitchen/kitchenprintservice.h"
 #include "net/httpserver.h"
 #include "refusedorigins.h"
+#include "requestrouting.h"
 
 #include <QHostAddress>
 #include <QMutex>
@@ -17,8 +18,9 @@
 
 class QWebSocket;
 
-// The POS gateway. Serves ws://127.0.0.1:49999/: every text frame is routed, and every
-// "WEBSOCKET" response on the bus is written back to the POS as compact JSON.
+// The POS gateway. Serves ws://127.0.0.1:49999/: every text frame is routed, terminal
+// requests to the channel the settings make active, and every answer a channel gives is
+// written back to the POS as compact JSON.
 // Only one POS is served at a time, and the most recent sender wins: when another
 // connection sends a frame, the previous one gets a close frame and stops receiving. If it
 // sends again before it has closed its side, it takes the role back in the same way.
@@ -30,11 +32,14 @@ public:
     explicit WebSocketViewController(quint16 port = defaultPort, QObject *parent = nullptr);
     ~WebSocketViewController() override;
 
-    // Registers for "WEBSOCKET" before the server starts, so no response can be missed.
     void viewDidLoad();
     void startWebSocketServer();
     void acceptTextFrame(QWebSocket *session, const QString &text);
-    void notificationHandler(const QVariant &object);
+    // The channels terminal requests go to, and whose answers come back here.
+    void setTerminalChannels(const TerminalChannels &terminals);
+    // An answer for the POS that spoke last. Safe from any thread: the answer goes to the
+    // session held when it is given, even if another POS takes over before the write runs.
+    void deliverAnswer(const TerminalAnswer &answer);
     // The page was shown: the allowed origins may have been changed from a terminal.
     void viewDidAppear();
 
@@ -50,10 +55,9 @@ public:
     // The POS that receives responses. Once a POS has sent a frame, a session stays held
     // even after that connection goes away: responses meant for it are then lost rather
     // than delivered to some other page that never asked. Guarded by sessionMutex, since
-    // responses are posted from the channels' threads.
+    // answers are given from the channels' threads.
     QPointer<QWebSocket> wsSession;
     bool sessionHeld = false;
-    qint64 sessionHashValue = 0; // kept for the session bookkeeping of earlier releases; unused
     KitchenPrintService kitchenPrint;
     TextLabel *websocketLabel = nullptr;
     TextLabel *posConnectionLabel = nullptr;
@@ -98,7 +102,7 @@ private:
     quint16 port;
     QList<QPointer<QWebSocket>> openConnections; // upgraded and not yet gone, oldest first
     QMutex sessionMutex;
-    NotificationCenter::Token responseObserver = 0;
+    TerminalChannels channels;
     QPointer<QWebSocket> heldAnswersTarget;
     bool heldAnswerQueued = false;
     QSet<QString> notPinned; // origins WEBSOCKET_PIN_FIRST_ORIGIN has said it will not pin

@@ -1,7 +1,6 @@
 #include "appdelegate.h"
 
 #include "common/log.h"
-#include "common/notificationnames.h"
 #include "viewcontroller.h"
 
 #include <QCoreApplication>
@@ -24,10 +23,7 @@ QIcon AppDelegate::statusBarIcon() {
 
 AppDelegate::AppDelegate() = default;
 
-AppDelegate::~AppDelegate() {
-    if (closeObserver)
-        NotificationCenter::defaultCenter().removeObserver(closeObserver);
-}
+AppDelegate::~AppDelegate() = default;
 
 void AppDelegate::applicationDidFinishLaunching() {
     statusItem.setIcon(statusBarIcon());
@@ -40,7 +36,9 @@ void AppDelegate::applicationDidFinishLaunching() {
     });
     statusItem.show();
 
-    popover.setContentViewController(ViewController::freshController());
+    ViewController *pages = ViewController::freshController();
+    popover.setContentViewController(pages);
+    connect(pages, &ViewController::closeRequested, this, &AppDelegate::closePopover);
 
     eventMonitor = std::make_unique<EventMonitor>([this] {
         if (popover.isShown()) {
@@ -52,9 +50,6 @@ void AppDelegate::applicationDidFinishLaunching() {
     // Showing the popover once loads its pages; it is not left open.
     showPopover();
     closePopover();
-
-    closeObserver = NotificationCenter::defaultCenter().addObserver(
-        NotificationName::appDelegateNoti, nullptr, [this](const QVariant &) { closePopover(); });
 
     LoginItems(QCoreApplication::applicationFilePath()).addToLoginItems();
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "common/notificationcenter.h"
 #include "eventmonitor.h"
 #include "loginitems.h"
 #include "popover.h"
@@ -38,5 +37,4 @@ private:
     // When a click on the icon is what took the focus from the popover, the monitor has
     // closed it already by the time the click arrives; that click must not open it again.
     QElapsedTimer sinceMonitorClosed;
-    NotificationCenter::Token closeObserver = 0;
 };

@@ -4,8 +4,6 @@
 #include "browserpolicy.h"
 #include "commandline.h"
 #include "common/log.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "common/userdefaults.h"
 #include "gateway/originpolicy.h"
 #include "kitchen/kitchenretryqueue.h"
@@ -292,8 +290,7 @@ int runTeranoCounter(int argc, char **argv) {
     pages->loadViewIfNeeded();
     pages->viewDidAppear();
     // The page's close button hides the window as it closes the popover in the tray.
-    NotificationCenter::defaultCenter().addObserver(NotificationName::appDelegateNoti, pages.get(),
-                                                    [&pages](const QVariant &) { pages->hide(); });
+    QObject::connect(pages.get(), &ViewController::closeRequested, pages.get(), &QWidget::hide);
     // Kitchen orders an earlier run kept (KITCHEN_RETRY_MINUTES) go out again at once.
     KitchenRetryQueue::instance().resumeAtStart();
     return QApplication::exec();

@@ -1,10 +1,11 @@
 #include "viewcontroller.h"
 
 #include "common/fatal.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
+#include "gateway/websocketviewcontroller.h"
 #include "gatewaypage.h"
 #include "tcppage.h"
+#include "terminal_serial/usbviewcontroller.h"
+#include "terminal_tcp/tcpviewcontroller.h"
 #include "usbpage.h"
 
 #include <QFile>
@@ -87,6 +88,7 @@ void ViewController::loadViewIfNeeded() {
             layout->addWidget(usb);
         }
     }
+    connectPages();
     layout->addWidget(separator(this));
     auto *buttons = new QHBoxLayout;
     // Alt+C and Alt+Q reach the buttons from the keyboard as well.
@@ -101,6 +103,24 @@ void ViewController::loadViewIfNeeded() {
     viewDidLoad();
 }
 
+void connectTerminalChannels(WebSocketViewController *gateway, TCPViewController *tcp,
+                             USBViewController *usb) {
+    if (gateway)
+        gateway->setTerminalChannels({tcp, usb});
+    // One channel made active: the other page steps back.
+    if (tcp && usb) {
+        QObject::connect(tcp, &TCPViewController::interfaceChosen, usb,
+                         &USBViewController::otherInterfaceChosen);
+        QObject::connect(usb, &USBViewController::interfaceChosen, tcp,
+                         &TCPViewController::otherInterfaceChosen);
+    }
+}
+
+void ViewController::connectPages() {
+    connectTerminalChannels(gateway ? &gateway->controller() : nullptr, tcp ? &tcp->controller() : nullptr,
+                            usb ? &usb->controller() : nullptr);
+}
+
 void ViewController::viewDidAppear() {
     if (gateway)
         gateway->appear();
@@ -109,9 +129,7 @@ void ViewController::viewDidAppear() {
 }
 
 void ViewController::closeClicked() {
-    NotificationCenter::defaultCenter().post(
-        NotificationName::appDelegateNoti,
-        QVariantMap{{QStringLiteral("msg"), QStringLiteral("closePopover")}});
+    emit closeRequested();
 }
 
 void ViewController::exitClicked() {

@@ -7,6 +7,14 @@
 void ensureShellResources();
 
 class GatewayPage;
+class WebSocketViewController;
+class TCPViewController;
+class USBViewController;
+
+// The gateway hands terminal requests to the two channels and takes their answers; the
+// channel made active greys the other's page. Any of them may be missing.
+void connectTerminalChannels(WebSocketViewController *gateway, TCPViewController *tcp,
+                             USBViewController *usb);
 class TcpPage;
 class UsbPage;
 class QPushButton;
@@ -48,8 +56,15 @@ public:
     QPushButton *exitButtonWidget() const { return exit; }
     QStringList embeddedPages() const { return embeds; }
 
+signals:
+    // The close button: whoever shows the pages (the popover, or the window without a
+    // tray) hides them.
+    void closeRequested();
+
 private:
     explicit ViewController(QStringList embeds);
+    // The gateway hands terminal requests to the two channels and takes their answers.
+    void connectPages();
 
     QStringList embeds;
     bool loaded = false;

@@ -3,8 +3,6 @@
 #include "common/cp949.h"
 #include "common/fatal.h"
 #include "common/log.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "common/textform.h"
 #include "common/userdefaults.h"
 
@@ -35,7 +33,7 @@ QString SerialAnswerFraming::requiredSetting(const QString &key) const {
     return textualForm(*value);
 }
 
-void SerialAnswerFraming::didReceiveData(const QByteArray &chunk) {
+std::optional<TerminalAnswer> SerialAnswerFraming::didReceiveData(const QByteArray &chunk) {
     const QString mainInterface = requiredSetting(mainInterfaceKey);
     std::optional<QString> deviceName;
     const Result result = receive(chunk, mainInterface, [&] {
@@ -46,9 +44,9 @@ void SerialAnswerFraming::didReceiveData(const QByteArray &chunk) {
         logLine(QStringLiteral("serial answer discarded: more than %1 bytes without an end of text; "
                                "waiting for the next start of text")
                     .arg(maximumAnswerLength));
-    if (result.outcome == Outcome::Answered)
-        NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                                 responseFor(result.text, deviceName.value_or(QString())));
+    if (result.outcome != Outcome::Answered)
+        return std::nullopt;
+    return TerminalAnswer{result.text, deviceName.value_or(QString())};
 }
 
 SerialAnswerFraming::Result SerialAnswerFraming::receive(const QByteArray &chunk,
@@ -94,10 +92,4 @@ SerialAnswerFraming::Result SerialAnswerFraming::receive(const QByteArray &chunk
     if (!text)
         return {Outcome::Undecodable, {}};
     return {Outcome::Answered, *text};
-}
-
-QVariantMap SerialAnswerFraming::responseFor(const QString &text, const QString &deviceName) {
-    return {{QStringLiteral("response"), QVariantMap{{QStringLiteral("data"), text}}},
-            {QStringLiteral("devicetype"), QStringLiteral("CAT")},
-            {QStringLiteral("devicename"), deviceName}};
 }

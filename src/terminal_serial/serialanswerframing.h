@@ -6,6 +6,8 @@
 #include <functional>
 #include <optional>
 
+#include "common/terminalchannel.h"
+
 // Gathers a card terminal's answer from the chunks the serial line delivers and hands it
 // to the POS. An answer runs from STX to ETX; nothing else about the frame is checked (no
 // length, no LRC, no ACK/NAK, no time-out), because the POS interprets the text itself.
@@ -57,8 +59,8 @@ public:
 
     // One chunk as the line delivered it. Reads MAIN_INTERFACE and SERIAL_DEVICE_TYPE
     // (either one missing is a fatal stop: both are written long before an answer can
-    // come) and posts "WEBSOCKET" with the response when an answer is complete.
-    void didReceiveData(const QByteArray &chunk);
+    // come), and returns the answer for the POS when one is complete.
+    std::optional<TerminalAnswer> didReceiveData(const QByteArray &chunk);
 
     // The framing itself, with the settings already read. `deviceType` is asked for only
     // when the chunk has bytes to walk.
@@ -67,9 +69,6 @@ public:
 
     // The answer being collected (empty between answers).
     const QByteArray &combinedATransactionData() const { return buffer; }
-
-    // The dictionary the gateway sends to the POS for an answer.
-    static QVariantMap responseFor(const QString &text, const QString &deviceName);
 
 private:
     QString requiredSetting(const QString &key) const;

@@ -2,7 +2,6 @@
 
 #include "common/cp949.h"
 #include "common/fatal.h"
-#include "common/notificationnames.h"
 #include "common/textform.h"
 #include "common/userdefaults.h"
 
@@ -21,25 +20,12 @@ std::optional<QString> storedText(const QString &key) {
     return textualForm(*value);
 }
 
-// The bytes of a request's "data"; routing always puts a byte buffer there, so anything
-// else means the request did not come the way requests come.
-QByteArray requiredBytes(const QVariantMap &request) {
-    const auto data = request.constFind(QStringLiteral("data"));
-    if (data == request.constEnd())
-        fatalStop(QStringLiteral("a USB terminal request has no \"data\""));
-    if (data->typeId() != QMetaType::QByteArray)
-        fatalStop(QStringLiteral("the \"data\" of a USB terminal request is not bytes"));
-    return data->toByteArray();
-}
-
 } // namespace
 
 USBViewController::USBViewController(SerialPortManager &manager, QObject *parent)
-    : QObject(parent), serialPortManager(manager) {}
+    : TerminalChannel(parent), serialPortManager(manager) {}
 
 USBViewController::~USBViewController() {
-    if (requestObserver)
-        NotificationCenter::defaultCenter().removeObserver(requestObserver);
     // The manager keeps the port; it must not keep calling a controller that is gone.
     setSerialPort(nullptr);
 }
@@ -62,9 +48,6 @@ void USBViewController::viewDidLoad() {
             &USBViewController::serialPortsWereConnected);
     connect(&serialPortManager, &SerialPortManager::serialPortsWereDisconnected, this,
             &USBViewController::serialPortsWereDisconnected);
-    requestObserver = NotificationCenter::defaultCenter().addObserver(
-        NotificationName::USBcontrol, nullptr,
-        [this](const QVariant &object) { notificationHandler(object); });
 
     const std::optional<QString> deviceType = storedText(deviceTypeKey);
     if (!deviceType) {
@@ -171,10 +154,8 @@ void USBViewController::titleLabelClickedWithSender() {
 
 void USBViewController::selectUsb() {
     UserDefaults::standard().setValue(mainInterfaceKey, QStringLiteral("USB"));
-    // The TCP page steps back. Sent every time, also when USB was already the one.
-    NotificationCenter::defaultCenter().post(NotificationName::TCPcontrol,
-                                             QVariantMap{{QStringLiteral("msg"), QStringLiteral("deselect")},
-                                                         {QStringLiteral("van"), QStringLiteral("")}});
+    // The TCP page steps back. Said every time, also when USB was already the one.
+    emit interfaceChosen();
     setControlsEnabled(true);
 }
 
@@ -204,30 +185,18 @@ void USBViewController::connectionTestClicked() {
         port->sendData(*bytes);
 }
 
-void USBViewController::notificationHandler(const QVariant &object) {
-    if (object.typeId() != QMetaType::QVariantMap)
-        fatalStop(QStringLiteral("a USBcontrol notification carries no dictionary"));
-    const QVariantMap request = object.toMap();
-    const auto requestType = request.constFind(QStringLiteral("requesttype"));
-    if (requestType == request.constEnd())
-        fatalStop(QStringLiteral("a USB terminal request has no \"requesttype\""));
-    if (requestType->typeId() != QMetaType::QString)
+void USBViewController::handleRequest(const TerminalRequest &request) {
+    if (!request.requestType)
         fatalStop(QStringLiteral("the \"requesttype\" of a USB terminal request is not text"));
-    const QString type = requestType->toString();
+    const QString &type = *request.requestType;
 
-    if (type == QLatin1String("msg")) {
-        const auto message = request.constFind(QStringLiteral("msg"));
-        if (message == request.constEnd())
-            fatalStop(QStringLiteral("a USB control message has no \"msg\""));
-        // The TCP page became the active one. The settings are its to write; only the
-        // look and the controls change here.
-        if (textualForm(*message) == QLatin1String("deselect"))
-            showDeselected();
-        return;
-    }
+    // "msg" names the pages' own control messages, which no POS sends: one from the POS
+    // means it and the service disagree about the protocol.
+    if (type == QLatin1String("msg"))
+        fatalStop(QStringLiteral("a USB control message has no \"msg\""));
 
     if (type == QLatin1String("print")) {
-        const QByteArray data = requiredBytes(request);
+        const QByteArray &data = request.data;
         if (!port)
             return;
         const std::optional<QString> text = strictUtf8(data);
@@ -243,7 +212,12 @@ void USBViewController::notificationHandler(const QVariant &object) {
     // Payments and everything else: the POS sends the terminal's own frame, byte for byte.
     if (!port)
         return;
-    port->sendData(requiredBytes(request));
+    port->sendData(request.data);
+}
+
+void USBViewController::otherInterfaceChosen() {
+    // The settings are the TCP page's to write; only the look and the controls change here.
+    showDeselected();
 }
 
 void USBViewController::serialPortsWereConnected(const SerialPortList &) {
@@ -266,7 +240,8 @@ void USBViewController::serialPortWasRemovedFromSystem(SerialPort &) {
 }
 
 void USBViewController::serialPortDidReceiveData(SerialPort &, const QByteArray &data) {
-    answerFraming.didReceiveData(data);
+    if (const std::optional<TerminalAnswer> answer = answerFraming.didReceiveData(data))
+        emit answerReady(*answer);
 }
 
 void USBViewController::serialPortDidEncounterError(SerialPort &, QSerialPort::SerialPortError) {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "common/notificationcenter.h"
 #include "common/outlets.h"
+#include "common/terminalchannel.h"
 #include "serialanswerframing.h"
 #include "serialport.h"
 #include "serialportmanager.h"
@@ -19,11 +19,11 @@
 // at the computer), makes USB the active terminal interface when its title is clicked,
 // and writes the POS's terminal requests to the line: the POS sends complete terminal
 // frames, which go out unchanged, and print texts, which go out in code page 949. The
-// terminal's answers are gathered by the answer framing and posted back to the POS.
+// terminal's answers are gathered by the answer framing and given as answerReady.
 //
 // The page's controls are reached through outlets; an outlet the page has not connected
 // is simply not drawn on.
-class USBViewController : public QObject, public SerialPortDelegate {
+class USBViewController : public TerminalChannel, public SerialPortDelegate {
     Q_OBJECT
 public:
     explicit USBViewController(SerialPortManager &manager = SerialPortManager::sharedSerialPortManager(),
@@ -65,8 +65,10 @@ public:
     void titleLabelClickedWithSender();
     void connectionTestClicked();
 
-    // "USBcontrol": a terminal request from the POS, or the TCP page's "deselect".
-    void notificationHandler(const QVariant &object);
+    // A terminal request from the POS.
+    void handleRequest(const TerminalRequest &request) override;
+    // The TCP channel was made the active one: this page steps back.
+    void otherInterfaceChosen();
 
     // Adapters plugged in or pulled out anywhere on the system.
     void serialPortsWereConnected(const SerialPortList &ports);
@@ -75,6 +77,11 @@ public:
     void serialPortWasRemovedFromSystem(SerialPort &port) override;
     void serialPortDidReceiveData(SerialPort &port, const QByteArray &data) override;
     void serialPortDidEncounterError(SerialPort &port, QSerialPort::SerialPortError error) override;
+
+signals:
+    // USB was made the active interface: by the owner, or because it was when the page
+    // appeared.
+    void interfaceChosen();
 
 private:
     void loadPortList();
@@ -88,5 +95,4 @@ private:
 
     std::shared_ptr<SerialPort> port;
     SerialAnswerFraming answerFraming;
-    NotificationCenter::Token requestObserver = 0;
 };

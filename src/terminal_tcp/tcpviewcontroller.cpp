@@ -4,7 +4,6 @@
 #include "common/cp949.h"
 #include "common/fatal.h"
 #include "common/log.h"
-#include "common/notificationnames.h"
 #include "common/textform.h"
 #include "common/userdefaults.h"
 #include "ipv4rule.h"
@@ -16,27 +15,13 @@ const QString tcpDeviceKey = QStringLiteral("TCP_DEVICE");
 const QString tcpIpKey = QStringLiteral("TCP_IP");
 const QString mainInterfaceKey = QStringLiteral("MAIN_INTERFACE");
 
-// A request value read as text: only a JSON string counts; anything else, and a key that
-// is missing, reads as the empty text.
-QString stringValue(const QVariantMap &map, const QString &key) {
-    const QVariant value = map.value(key);
-    return value.typeId() == QMetaType::QString ? value.toString() : QString();
-}
-
 } // namespace
 
-TCPViewController::TCPViewController(QObject *parent) : QObject(parent) {}
+TCPViewController::TCPViewController(QObject *parent) : TerminalChannel(parent) {}
 
-TCPViewController::~TCPViewController() {
-    if (requestObserver)
-        NotificationCenter::defaultCenter().removeObserver(requestObserver);
-}
+TCPViewController::~TCPViewController() = default;
 
 void TCPViewController::viewDidLoad() {
-    requestObserver = NotificationCenter::defaultCenter().addObserver(
-        NotificationName::TCPcontrol, nullptr,
-        [this](const QVariant &object) { notificationHandler(object); });
-
     AnswerPeers::reportInvalidEntries();
     kicc = startListener(kiccAnswerPort, Vendor::KICC, TerminalDeviceName::KICC, false, kiccLabel);
     smartro =
@@ -64,6 +49,7 @@ TerminalListener *TCPViewController::startListener(quint16 port, const QString &
         fatalStop(
             QStringLiteral("no network interface is up to take card terminal answers on port %1").arg(port));
     auto *listener = new TerminalListener(vendor, deviceName, announcesClients, this);
+    connect(listener, &TerminalListener::answerReady, this, &TerminalChannel::answerReady);
     if (!listener->listen(QHostAddress(addresses.first()), port)) {
         logLine(singleLine(QStringLiteral("%1 answer listener could not start on %2 port %3: %4")
                                .arg(vendor, addresses.first())
@@ -94,10 +80,7 @@ void TCPViewController::deviceTypeChanged() {
 
 void TCPViewController::titleLabelClicked() {
     UserDefaults::standard().setValue(mainInterfaceKey, QStringLiteral("TCP"));
-    NotificationCenter::defaultCenter().post(
-        NotificationName::USBcontrol, QVariantMap{{QStringLiteral("msg"), QStringLiteral("deselect")},
-                                                  {QStringLiteral("van"), QString()},
-                                                  {QStringLiteral("requesttype"), QStringLiteral("msg")}});
+    emit interfaceChosen();
     if (ipTextfield) {
         ipTextfield->setEditable(true);
         ipTextfield->setEnabled(true);
@@ -117,17 +100,25 @@ void TCPViewController::ipTextfieldEnter() {
 void TCPViewController::connectionTestClicked() {
     const QString vendor = UserDefaults::standard().string(tcpDeviceKey).value_or(QString());
     if (vendor == Vendor::KIS)
-        senders.sendKIS(cp949::encode(testPrintText).value(), QStringLiteral("print"));
+        senders.sendKIS(cp949::encode(testPrintText).value(), QStringLiteral("print"), answerSink());
     else if (vendor == Vendor::KICC)
         senders.sendKICC(cp949::encode(testPrintText).value());
     else if (vendor == Vendor::SMARTRO)
-        senders.sendSMARTRO(smartroTestPrintText.toLatin1(), QStringLiteral("print"));
+        senders.sendSMARTRO(smartroTestPrintText.toLatin1(), answerSink());
 }
 
-void TCPViewController::notificationHandler(const QVariant &object) {
-    const QVariantMap request = object.toMap();
-    const QString requestType = stringValue(request, QStringLiteral("requesttype"));
-    const QString van = stringValue(request, QStringLiteral("van"));
+AnswerSink TCPViewController::answerSink() {
+    // An exchange can outlive the page (it goes with the application): one that answers
+    // after the page has gone has nobody to tell.
+    return [self = QPointer<TCPViewController>(this)](const TerminalAnswer &answer) {
+        if (self)
+            emit self->answerReady(answer);
+    };
+}
+
+void TCPViewController::handleRequest(const TerminalRequest &request) {
+    const QString requestType = request.requestType.value_or(QString());
+    const QString &van = request.van;
     logLine(singleLine(QStringLiteral("TCP request: requesttype \"%1\", van \"%2\"").arg(requestType, van)));
 
     // Only the all-lower and all-upper spellings name a vendor.
@@ -139,16 +130,12 @@ void TCPViewController::notificationHandler(const QVariant &object) {
     else if (van == QLatin1String("smartro") || van == QLatin1String("SMARTRO"))
         vendor = Vendor::SMARTRO;
 
-    if (vendor.isEmpty()) {
-        // Not a terminal request: the USB page telling this one that USB is now active.
-        if (stringValue(request, QStringLiteral("msg")) == QLatin1String("deselect"))
-            paintInactive();
+    if (vendor.isEmpty())
         return;
-    }
 
     // The POS sends each vendor's request frame ready-made; only a slip print's text is
     // turned from UTF-8 into the terminal's code page 949.
-    QByteArray bytes = request.value(QStringLiteral("data")).toByteArray();
+    QByteArray bytes = request.data;
     if (requestType == QLatin1String("print")) {
         const std::optional<QString> text = strictUtf8(bytes);
         const std::optional<QByteArray> encoded = text ? cp949::encode(*text) : std::nullopt;
@@ -162,11 +149,15 @@ void TCPViewController::notificationHandler(const QVariant &object) {
     }
 
     if (vendor == Vendor::KIS)
-        senders.sendKIS(bytes, requestType);
+        senders.sendKIS(bytes, requestType, answerSink());
     else if (vendor == Vendor::KICC)
         senders.sendKICC(bytes);
     else
-        senders.sendSMARTRO(bytes, requestType);
+        senders.sendSMARTRO(bytes, answerSink());
+}
+
+void TCPViewController::otherInterfaceChosen() {
+    paintInactive();
 }
 
 void TCPViewController::paintActive() {

@@ -1,12 +1,13 @@
 #pragma once
 
 #include "common/localaddresses.h"
-#include "common/notificationcenter.h"
 #include "common/outlets.h"
+#include "common/terminalchannel.h"
 #include "common/textlabel.h"
 #include "vendorsenders.h"
 
 #include <QObject>
+#include <QPointer>
 #include <QVariant>
 #include <functional>
 
@@ -14,10 +15,10 @@ class TerminalListener;
 
 // The TCP card-terminal channel and its settings page: the terminal's vendor and IP
 // address, the connection test, and the title that makes TCP the active interface. It
-// takes the POS's terminal requests from "TCPcontrol" and hands each to its vendor's
-// sender; answers reach the POS on "WEBSOCKET", either from the request's own connection
-// or from the two answer listeners this page starts when it loads.
-class TCPViewController : public QObject {
+// takes the POS's terminal requests from the gateway and hands each to its vendor's
+// sender; answers go out as answerReady, either from the request's own connection or from
+// the two answer listeners this page starts when it loads.
+class TCPViewController : public TerminalChannel {
     Q_OBJECT
 public:
     static inline const QStringList vendors{Vendor::KICC, Vendor::KIS, Vendor::SMARTRO};
@@ -33,7 +34,9 @@ public:
     void titleLabelClicked();
     void ipTextfieldEnter();
     void connectionTestClicked();
-    void notificationHandler(const QVariant &object);
+    void handleRequest(const TerminalRequest &request) override;
+    // The USB channel was made the active one: this page steps back.
+    void otherInterfaceChosen();
 
     ControlOutlet *container = nullptr;
     TextLabel *kiccLabel = nullptr;    // shows whether the KICC answer listener is up
@@ -53,13 +56,17 @@ public:
     const TerminalListener *kiccListener() const { return kicc; }
     const TerminalListener *smartroListener() const { return smartro; }
 
+signals:
+    // The owner made TCP the active interface from this page.
+    void interfaceChosen();
+
 private:
     TerminalListener *startListener(quint16 port, const QString &vendor, const QString &deviceName,
                                     bool announcesClients, TextLabel *statusLabel);
     void paintActive();
     void paintInactive();
+    AnswerSink answerSink();
 
     TerminalListener *kicc = nullptr;
     TerminalListener *smartro = nullptr;
-    NotificationCenter::Token requestObserver = 0;
 };

@@ -3,9 +3,6 @@
 #include "answerpeers.h"
 #include "common/cp949.h"
 #include "common/log.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
-#include "common/terminalresponse.h"
 #include "net/keepaccepting.h"
 #include "tcpclient.h"
 #include "terminalanswers.h"
@@ -25,14 +22,13 @@ bool TerminalListener::listen(const QHostAddress &address, quint16 port) {
     return server.listen(address, port);
 }
 
-void TerminalListener::answerArrived(const QByteArray &frame) const {
+void TerminalListener::answerArrived(const QByteArray &frame) {
     const std::optional<QString> text = cp949::decode(TerminalAnswers::listenerAnswerBytes(frame));
     if (!text) {
         logLine(QStringLiteral("euc failed"));
         return;
     }
-    NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                             terminalResponse(*text, deviceName));
+    emit answerReady(TerminalAnswer{*text, deviceName});
 }
 
 bool TerminalListener::refused(QTcpSocket *socket) const {

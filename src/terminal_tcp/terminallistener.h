@@ -5,13 +5,15 @@
 #include <QString>
 #include <QTcpServer>
 
+#include "common/terminalchannel.h"
+
 class QTcpSocket;
 
 // Takes the answers that a KICC or SMARTRO terminal delivers on a connection of its own.
 // Each connection carries one answer: up to 1024 bytes, of which the first 5 and the last
 // 3 are the terminal's framing, gathered from as many pieces as the network cuts it into. The text between
-// them, converted from code page 949, is posted on "WEBSOCKET" for the POS; a frame shorter than 9 bytes is
-// posted as an empty answer. Connections are served side by side, so a terminal that connects and says
+// them, converted from code page 949, is given as answerReady for the POS; a frame shorter than 9 bytes is
+// given as an empty answer. Connections are served side by side, so a terminal that connects and says
 // nothing delays no one else's answer.
 class TerminalListener : public QObject {
     Q_OBJECT
@@ -29,11 +31,14 @@ public:
     QHostAddress serverAddress() const { return server.serverAddress(); }
     quint16 serverPort() const { return server.serverPort(); }
 
+signals:
+    void answerReady(const TerminalAnswer &answer);
+
 private:
     void acceptPending();
     // With TERMINAL_ANSWER_PEERS set, a connection from anyone else is closed unread.
     bool refused(QTcpSocket *socket) const;
-    void answerArrived(const QByteArray &frame) const;
+    void answerArrived(const QByteArray &frame);
 
     QTcpServer server;
     QString deviceName;

@@ -3,9 +3,6 @@
 #include "common/cp949.h"
 #include "common/fatal.h"
 #include "common/log.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
-#include "common/terminalresponse.h"
 #include "common/userdefaults.h"
 #include "ipv4rule.h"
 #include "tcpclient.h"
@@ -16,14 +13,14 @@
 
 namespace {
 
-void postAnswer(const QByteArray &bytes, const QString &deviceName) {
+void giveAnswer(const QByteArray &bytes, const QString &deviceName, const AnswerSink &sink) {
     const std::optional<QString> text = cp949::decode(bytes);
     if (!text) {
         logLine(QStringLiteral("euc failed"));
         return;
     }
-    NotificationCenter::defaultCenter().post(NotificationName::WEBSOCKET,
-                                             terminalResponse(*text, deviceName));
+    if (sink)
+        sink(TerminalAnswer{*text, deviceName});
 }
 
 // One request's trip to a terminal and back. Deletes itself when its connection is closed;
@@ -74,8 +71,8 @@ private:
 class KisExchange : public Exchange {
 public:
     KisExchange(const QHostAddress &address, quint16 port, const QByteArray &request, const QString &kind,
-                const ExchangeTimings &timings)
-        : Exchange(Vendor::KIS, address, port, request, timings), kind(kind) {}
+                const ExchangeTimings &timings, AnswerSink sink)
+        : Exchange(Vendor::KIS, address, port, request, timings), kind(kind), sink(std::move(sink)) {}
 
 private:
     void afterSend() override {
@@ -105,18 +102,21 @@ private:
                                      "its last byte")
                           .arg(answer->size()));
         case TerminalAnswers::KisAnswer::Kind::Result:
-            postAnswer(result.text, TerminalDeviceName::KIS);
+            giveAnswer(result.text, TerminalDeviceName::KIS, sink);
             break;
         }
         client->close();
     }
 
     QString kind;
+    AnswerSink sink;
 };
 
 class SmartroExchange : public Exchange {
 public:
-    using Exchange::Exchange;
+    SmartroExchange(const QHostAddress &address, quint16 port, const QByteArray &request,
+                    const ExchangeTimings &timings, AnswerSink sink)
+        : Exchange(Vendor::SMARTRO, address, port, request, timings), sink(std::move(sink)) {}
 
 private:
     void afterSend() override {
@@ -149,9 +149,11 @@ private:
                          }
                          logLine(QStringLiteral("DLE COMES!"));
                          client->close();
-                         postAnswer(*reply, TerminalDeviceName::SMARTRO);
+                         giveAnswer(*reply, TerminalDeviceName::SMARTRO, sink);
                      });
     }
+
+    AnswerSink sink;
 };
 
 } // namespace
@@ -163,18 +165,18 @@ void VendorSenders::sendKICC(const QByteArray &bytes) const {
     (new KiccExchange(Vendor::KICC, *address, ports.kicc, bytes, timings))->start();
 }
 
-void VendorSenders::sendKIS(const QByteArray &bytes, const QString &kind) const {
+void VendorSenders::sendKIS(const QByteArray &bytes, const QString &kind, const AnswerSink &sink) const {
     const std::optional<QHostAddress> address = terminalAddress();
     if (!address)
         return;
-    (new KisExchange(*address, ports.kis, bytes, kind, timings))->start();
+    (new KisExchange(*address, ports.kis, bytes, kind, timings, sink))->start();
 }
 
-void VendorSenders::sendSMARTRO(const QByteArray &bytes, const QString &) const {
+void VendorSenders::sendSMARTRO(const QByteArray &bytes, const AnswerSink &sink) const {
     const std::optional<QHostAddress> address = terminalAddress();
     if (!address)
         return;
-    (new SmartroExchange(Vendor::SMARTRO, *address, ports.smartro, bytes, timings))->start();
+    (new SmartroExchange(*address, ports.smartro, bytes, timings, sink))->start();
 }
 
 std::optional<QHostAddress> VendorSenders::terminalAddress() {

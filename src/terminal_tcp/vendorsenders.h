@@ -3,7 +3,10 @@
 #include <QByteArray>
 #include <QHostAddress>
 #include <QString>
+#include <functional>
 #include <optional>
+
+#include "common/terminalchannel.h"
 
 // The three card-terminal vendors, in the order the settings page lists them.
 namespace Vendor {
@@ -34,9 +37,12 @@ struct ExchangeTimings {
     int smartroReplyMs = 5000; // each further SMARTRO reply
 };
 
+// Where an answer that comes back on a request's own connection goes.
+using AnswerSink = std::function<void(const TerminalAnswer &)>;
+
 // Sends one request to the terminal at the TCP_IP setting, each over a fresh connection
-// of its own, and posts on "WEBSOCKET" the answers that come back on that connection
-// (KIS, and SMARTRO's final DLE reply). A missing or malformed TCP_IP drops the request
+// of its own, and gives `sink` the answers that come back on that connection (KIS, and
+// SMARTRO's final DLE reply). A missing or malformed TCP_IP drops the request
 // without a word, as the settings page never stores one. Every exchange runs on the
 // event loop; these calls return at once.
 class VendorSenders {
@@ -54,12 +60,12 @@ public:
     // back on the KICC answer listener.
     void sendKICC(const QByteArray &bytes) const;
     // A print job, or a request whose byte at index 2 is DLE, ends with the terminal's
-    // first reply; a payment waits up to 300 s for the answer, which is posted without
+    // first reply; a payment waits up to 300 s for the answer, which is given without
     // its 3 leading bytes and its last byte.
-    void sendKIS(const QByteArray &bytes, const QString &kind) const;
+    void sendKIS(const QByteArray &bytes, const QString &kind, const AnswerSink &sink) const;
     // Each reply after the first is acknowledged with 06 06 06; the first one that starts
     // with DLE is the answer.
-    void sendSMARTRO(const QByteArray &bytes, const QString &kind) const;
+    void sendSMARTRO(const QByteArray &bytes, const AnswerSink &sink) const;
 
 private:
     VendorPorts ports;

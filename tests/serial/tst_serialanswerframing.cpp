@@ -1,7 +1,5 @@
 // The rules by which a serial terminal's answer is gathered, cut and decoded, chunk by
 // chunk, as the line delivers it.
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "forked.h"
 #include "stdoutcapture.h"
 #include "terminal_serial/serialanswerframing.h"
@@ -50,15 +48,16 @@ struct Settings {
 
 class SerialAnswerFramingTest : public QObject {
     Q_OBJECT
-    QList<QVariant> posted;
-    NotificationCenter::Token token = 0;
+    QList<TerminalAnswer> posted;
+
+    // One chunk; an answer it completes is kept in `posted`.
+    void feed(SerialAnswerFraming &framing, const QByteArray &chunk) {
+        if (const std::optional<TerminalAnswer> answer = framing.didReceiveData(chunk))
+            posted << *answer;
+    }
 
 private slots:
-    void initTestCase() {
-        token = NotificationCenter::defaultCenter().addObserver(NotificationName::WEBSOCKET, nullptr,
-                                                                [this](const QVariant &o) { posted << o; });
-    }
-    void cleanupTestCase() { NotificationCenter::defaultCenter().removeObserver(token); }
+
     void init() { posted.clear(); }
 
     void trimTable() {
@@ -165,11 +164,11 @@ private slots:
         settings.mainInterface = mainInterface;
         SerialAnswerFraming framing(settings.reader());
         for (const QByteArray &chunk : chunks)
-            framing.didReceiveData(chunk);
+            feed(framing, chunk);
 
         QCOMPARE(posted.size(), answers.size());
         for (qsizetype i = 0; i < answers.size(); ++i)
-            QCOMPARE(posted[i], QVariant(SerialAnswerFraming::responseFor(answers[i], deviceType)));
+            QCOMPARE(posted[i], (TerminalAnswer{answers[i], deviceType}));
         QCOMPARE(framing.combinedATransactionData(), leftOver);
     }
 
@@ -177,41 +176,40 @@ private slots:
         Settings settings;
         settings.deviceType = QStringLiteral("XYZ-1");
         SerialAnswerFraming framing(settings.reader());
-        framing.didReceiveData(ts132n("ABC"));
+        feed(framing, ts132n("ABC"));
         QCOMPARE(posted.size(), 1);
-        const QVariantMap response = posted[0].toMap();
-        QCOMPARE(response.size(), 3);
-        QCOMPARE(response.value("response"), QVariant(QVariantMap{{"data", "ABC"}}));
-        QCOMPARE(response.value("devicetype"), QVariant("CAT"));
-        QCOMPARE(response.value("devicename"), QVariant("XYZ-1"));
+        QCOMPARE(posted[0].text, QStringLiteral("ABC"));
+        QCOMPARE(posted[0].deviceName, QStringLiteral("XYZ-1"));
+        QCOMPARE(posted[0].json(),
+                 QStringLiteral(R"({"response":{"data":"ABC"},"devicetype":"CAT","devicename":"XYZ-1"})"));
     }
 
     void changingTheModelCutsTheNextAnswerTheNewWay() {
         Settings settings;
         SerialAnswerFraming framing(settings.reader());
         const QByteArray answer = kis7430("12345678");
-        framing.didReceiveData(answer);
+        feed(framing, answer);
         settings.deviceType = QStringLiteral("KIS-7430");
-        framing.didReceiveData(answer);
+        feed(framing, answer);
         QCOMPARE(posted.size(), 2);
-        QCOMPARE(posted[0].toMap().value("response").toMap().value("data"), QVariant("3456"));
-        QCOMPARE(posted[0].toMap().value("devicename"), QVariant("TS-132N"));
-        QCOMPARE(posted[1].toMap().value("response").toMap().value("data"), QVariant("12345678"));
-        QCOMPARE(posted[1].toMap().value("devicename"), QVariant("KIS-7430"));
+        QCOMPARE(posted[0].text, QStringLiteral("3456"));
+        QCOMPARE(posted[0].deviceName, QStringLiteral("TS-132N"));
+        QCOMPARE(posted[1].text, QStringLiteral("12345678"));
+        QCOMPARE(posted[1].deviceName, QStringLiteral("KIS-7430"));
     }
 
     void chunkWhileTcpLeavesAPartialAnswerAsItIs() {
         Settings settings;
         SerialAnswerFraming framing(settings.reader());
         const QByteArray answer = ts132n("ABC");
-        framing.didReceiveData(answer.left(4));
+        feed(framing, answer.left(4));
         settings.mainInterface = QStringLiteral("TCP");
-        framing.didReceiveData(hex("02") + "junk" + hex("03"));
+        feed(framing, hex("02") + "junk" + hex("03"));
         QCOMPARE(framing.combinedATransactionData(), answer.left(4));
         settings.mainInterface = QStringLiteral("USB");
-        framing.didReceiveData(answer.mid(4));
+        feed(framing, answer.mid(4));
         QCOMPARE(posted.size(), 1);
-        QCOMPARE(posted[0].toMap().value("response").toMap().value("data"), QVariant("ABC"));
+        QCOMPARE(posted[0].text, QStringLiteral("ABC"));
     }
 
     void outcomesOfTheBareStep() {
@@ -234,9 +232,9 @@ private slots:
         const QByteArray answer = ts132n(payload);
         QCOMPARE(answer.size(), 64 * 1024);
         for (qsizetype at = 0; at < answer.size(); at += 4096)
-            framing.didReceiveData(answer.mid(at, 4096));
+            feed(framing, answer.mid(at, 4096));
         QCOMPARE(posted.size(), 1);
-        QCOMPARE(posted[0].toMap().value("response").toMap().value("data"), QVariant(QString(payload)));
+        QCOMPARE(posted[0].text, QString(payload));
     }
 
     // A line that never sends an ETX must not grow the service for ever: past 64 KiB what was
@@ -267,31 +265,31 @@ private slots:
         StdoutCapture output;
         const QByteArray block(8192, 'x');
         for (int i = 0; i < 40; ++i)
-            framing.didReceiveData(block);
-        framing.didReceiveData(ts132n("OK"));
+            feed(framing, block);
+        feed(framing, ts132n("OK"));
         QCOMPARE(output.lines(),
                  QStringList{"serial answer discarded: more than 65536 bytes without an end of "
                              "text; waiting for the next start of text"});
         QCOMPARE(posted.size(), 1);
-        QCOMPARE(posted[0].toMap().value("response").toMap().value("data"), QVariant("OK"));
+        QCOMPARE(posted[0].text, QStringLiteral("OK"));
     }
 
     void theModelIsReadForEveryChunkWithBytes() {
         Settings settings;
         SerialAnswerFraming framing(settings.reader());
-        framing.didReceiveData("ab");
+        feed(framing, "ab");
         QCOMPARE(settings.deviceTypeReads, 1);
         settings.mainInterface = QStringLiteral("TCP");
-        framing.didReceiveData("cd");
+        feed(framing, "cd");
         QCOMPARE(settings.deviceTypeReads, 1);
     }
 
     void missingMainInterfaceStops() {
-        const ChildOutcome outcome = runInChild([] {
+        const ChildOutcome outcome = runInChild([this] {
             Settings settings;
             settings.mainInterface.reset();
             SerialAnswerFraming framing(settings.reader());
-            framing.didReceiveData("A");
+            feed(framing, "A");
         });
         QVERIFY(outcome.exitedNormally);
         QVERIFY(outcome.exitCode != 0);
@@ -300,11 +298,11 @@ private slots:
     }
 
     void missingDeviceTypeStopsAtTheFirstByte() {
-        const ChildOutcome outcome = runInChild([] {
+        const ChildOutcome outcome = runInChild([this] {
             Settings settings;
             settings.deviceType.reset();
             SerialAnswerFraming framing(settings.reader());
-            framing.didReceiveData("A"); // no ETX: the model is read all the same
+            feed(framing, "A"); // no ETX: the model is read all the same
         });
         QVERIFY(outcome.exitedNormally);
         QVERIFY(outcome.exitCode != 0);
@@ -313,12 +311,12 @@ private slots:
     }
 
     void missingDeviceTypeDoesNotMatterWhileTcpIsActive() {
-        const ChildOutcome outcome = runInChild([] {
+        const ChildOutcome outcome = runInChild([this] {
             Settings settings;
             settings.mainInterface = QStringLiteral("TCP");
             settings.deviceType.reset();
             SerialAnswerFraming framing(settings.reader());
-            framing.didReceiveData(ts132n("ABC"));
+            feed(framing, ts132n("ABC"));
         });
         QVERIFY(outcome.exitedNormally);
         QCOMPARE(outcome.exitCode, 0);

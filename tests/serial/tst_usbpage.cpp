@@ -1,7 +1,5 @@
 // The USB section of the popover as a user meets it, on Qt's offscreen platform: the
 // title's colours, the popups and what choosing in them does, the test print button.
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "common/userdefaults.h"
 #include "devsim/pseudoterminal.h"
 #include "shell/usbpage.h"
@@ -42,7 +40,12 @@ class UsbPageTest : public QObject {
     Q_OBJECT
     QTemporaryDir config;
     std::unique_ptr<QTemporaryDir> dir;
-    QList<QVariant> tcpControl;
+    int tcpControl = 0; // times a page said USB was made the active interface
+
+    // Counts what `page` says to the TCP page.
+    void watch(UsbPage &page) {
+        QObject::connect(&page.controller(), &USBViewController::interfaceChosen, [this] { ++tcpControl; });
+    }
 
     QString path(const QString &name) const { return dir->filePath(name); }
 
@@ -67,16 +70,12 @@ class UsbPageTest : public QObject {
     }
 
 private slots:
-    void initTestCase() {
-        qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
-        NotificationCenter::defaultCenter().addObserver(NotificationName::TCPcontrol, this,
-                                                        [this](const QVariant &o) { tcpControl << o; });
-    }
+    void initTestCase() { qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path())); }
     void init() {
         dir = std::make_unique<QTemporaryDir>();
         for (const QString &key : UserDefaults::standard().keys())
             UserDefaults::standard().remove(key);
-        tcpControl.clear();
+        tcpControl = 0;
     }
 
     void loadedPageShowsThePortsRatesAndModels() {
@@ -86,6 +85,7 @@ private slots:
         QVERIFY(linkB.plug(b));
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
         UsbPage page(manager);
+        watch(page);
         QCOMPARE(page.titleLabel()->text(), QStringLiteral("USB"));
         QCOMPARE(items(page.portPopupButton()), (QStringList{linkA.path(), linkB.path()}));
         QCOMPARE(items(page.baudPopupButton()), (QStringList{"9600", "38400", "57600", "115200"}));
@@ -100,25 +100,24 @@ private slots:
     void clickingTheTitleSelectsUsb() {
         SerialPortManager manager(envOnly({}));
         UsbPage page(manager);
+        watch(page);
         QTest::mouseClick(page.titleLabel(), Qt::RightButton);
-        QVERIFY(tcpControl.isEmpty());
+        QCOMPARE(tcpControl, 0);
         QTest::mouseClick(page.titleLabel(), Qt::LeftButton);
         QCOMPARE(UserDefaults::standard().string("MAIN_INTERFACE"), std::optional<QString>("USB"));
-        QCOMPARE(tcpControl.size(), 1);
-        QCOMPARE(tcpControl[0].toMap(), (QVariantMap{{"msg", "deselect"}, {"van", ""}}));
+        QCOMPARE(tcpControl, 1);
         expectSelectedLook(page);
         QTest::mouseClick(page.titleLabel(), Qt::LeftButton);
-        QCOMPARE(tcpControl.size(), 2);
+        QCOMPARE(tcpControl, 2);
         expectSelectedLook(page);
     }
 
-    void deselectFromTheTcpPageGreysItOut() {
+    void tcpTakingOverGreysItOut() {
         SerialPortManager manager(envOnly({}));
         UsbPage page(manager);
+        watch(page);
         QTest::mouseClick(page.titleLabel(), Qt::LeftButton);
-        NotificationCenter::defaultCenter().post(
-            NotificationName::USBcontrol,
-            QVariantMap{{"requesttype", "msg"}, {"msg", "deselect"}, {"van", ""}});
+        page.controller().otherInterfaceChosen();
         expectDeselectedLook(page);
     }
 
@@ -126,13 +125,14 @@ private slots:
         UserDefaults::standard().setValue("MAIN_INTERFACE", "USB");
         SerialPortManager manager(envOnly({}));
         UsbPage page(manager);
-        QVERIFY(tcpControl.isEmpty()); // loading is not showing
+        watch(page);
+        QCOMPARE(tcpControl, 0); // loading is not showing
         page.show();
-        QCOMPARE(tcpControl.size(), 1);
+        QCOMPARE(tcpControl, 1);
         expectSelectedLook(page);
         page.hide();
         page.show();
-        QCOMPARE(tcpControl.size(), 2);
+        QCOMPARE(tcpControl, 2);
     }
 
     void choosingInThePopupsStoresAndOpens() {
@@ -142,6 +142,7 @@ private slots:
         QVERIFY(linkB.plug(b));
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
         UsbPage page(manager);
+        watch(page);
         QTest::mouseClick(page.titleLabel(), Qt::LeftButton);
 
         QTest::keyClick(page.baudPopupButton(), Qt::Key_Down); // 38400
@@ -166,6 +167,7 @@ private slots:
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
         UserDefaults::standard().setValue("USB_PORT", linkB.path());
         UsbPage page(manager);
+        watch(page);
         QCOMPARE(page.portPopupButton()->currentText(), linkB.path());
         QVERIFY(linkA.plug(a)); // appears in front of the chosen one
         QVERIFY(waitUntil([&] { return page.portPopupButton()->count() == 2; }, 2000));

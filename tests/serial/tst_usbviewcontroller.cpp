@@ -2,8 +2,6 @@
 // opens, what the POS's requests put on the line, hot-plug, and the answers that go back.
 // Pseudo-terminals are the terminals; the page's controls are recording fakes.
 #include "common/cp949.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "common/userdefaults.h"
 #include "devsim/pseudoterminal.h"
 #include "forked.h"
@@ -12,6 +10,7 @@
 #include "wait.h"
 
 #include <QElapsedTimer>
+#include <QPointer>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -60,12 +59,13 @@ struct FakeControl : ControlOutlet {
     void setEnabled(bool e) override { enabled = e; }
 };
 
-QVariantMap request(const QVariant &requestType, const QByteArray &data) {
-    return {{"data", data},
-            {"ip", QVariant::fromValue(nullptr)},
-            {"port", QVariant::fromValue(nullptr)},
-            {"van", QVariant::fromValue(nullptr)},
-            {"requesttype", requestType}};
+// A request as routing hands it over: "requesttype" counts only as JSON text.
+TerminalRequest request(const QVariant &requestType, const QByteArray &data) {
+    TerminalRequest r;
+    r.data = data;
+    if (requestType.typeId() == QMetaType::QString)
+        r.requestType = requestType.toString();
+    return r;
 }
 
 QByteArray allByteValues() {
@@ -96,8 +96,9 @@ class UsbViewControllerTest : public QObject {
     Q_OBJECT
     QTemporaryDir config;
     std::unique_ptr<QTemporaryDir> dir;
-    QList<QVariant> tcpControl;
-    QList<QVariant> responses;
+    int tcpControl = 0; // times the controller said USB was made the active interface
+    QList<TerminalAnswer> responses;
+    QPointer<USBViewController> current; // the controller requests are handed to
 
     FakePopUp portPopup, baudPopup, deviceTypePopup;
     FakeTitle title;
@@ -107,6 +108,10 @@ class UsbViewControllerTest : public QObject {
 
     std::unique_ptr<USBViewController> makeController(SerialPortManager &manager) {
         auto c = std::make_unique<USBViewController>(manager);
+        current = c.get();
+        QObject::connect(c.get(), &USBViewController::interfaceChosen, [this] { ++tcpControl; });
+        QObject::connect(c.get(), &TerminalChannel::answerReady,
+                         [this](const TerminalAnswer &a) { responses << a; });
         c->portPopupButton = &portPopup;
         c->baudPopupButton = &baudPopup;
         c->titleLabel = &title;
@@ -115,8 +120,10 @@ class UsbViewControllerTest : public QObject {
         return c;
     }
 
-    void post(const QVariant &object) {
-        NotificationCenter::defaultCenter().post(NotificationName::USBcontrol, object);
+    // As routing hands a request over: to the controller there is, if any.
+    void post(const TerminalRequest &r) {
+        if (current)
+            current->handleRequest(r);
     }
 
     // Runs `body` in a child process and expects it to stop with a reason containing `reason`.
@@ -135,19 +142,13 @@ class UsbViewControllerTest : public QObject {
     }
 
 private slots:
-    void initTestCase() {
-        qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
-        NotificationCenter::defaultCenter().addObserver(NotificationName::TCPcontrol, this,
-                                                        [this](const QVariant &o) { tcpControl << o; });
-        NotificationCenter::defaultCenter().addObserver(NotificationName::WEBSOCKET, this,
-                                                        [this](const QVariant &o) { responses << o; });
-    }
+    void initTestCase() { qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path())); }
 
     void init() {
         dir = std::make_unique<QTemporaryDir>();
         for (const QString &key : defaults().keys())
             defaults().remove(key);
-        tcpControl.clear();
+        tcpControl = 0;
         responses.clear();
         portPopup = {};
         baudPopup = {};
@@ -174,7 +175,7 @@ private slots:
         QVERIFY(!c->serialPort());
         QCOMPARE(portPopup.items, QStringList{link.path()});
         QCOMPARE(baudPopup.items, (QStringList{"9600", "38400", "57600", "115200"}));
-        QVERIFY(tcpControl.isEmpty());
+        QCOMPARE(tcpControl, 0);
         QVERIFY(title.calls.isEmpty());
     }
 
@@ -344,12 +345,7 @@ private slots:
         QVERIFY(portPopup.enabled && baudPopup.enabled && deviceTypePopup.enabled && testButton.enabled);
         c->titleLabelClickedWithSender(); // already selected: the same again, without harm
         c->viewDidAppear();               // shown again while USB is selected
-        QCOMPARE(tcpControl.size(), 3);
-        for (const QVariant &message : std::as_const(tcpControl)) {
-            QCOMPARE(message.typeId(), QMetaType::QVariantMap);
-            QCOMPARE(message.toMap(), (QVariantMap{{"msg", "deselect"}, {"van", ""}}));
-            QCOMPARE(message.toMap().value("van").typeId(), QMetaType::QString);
-        }
+        QCOMPARE(tcpControl, 3);
         QCOMPARE(title.calls,
                  (QStringList{"background", "text", "background", "text", "background", "text"}));
     }
@@ -363,37 +359,24 @@ private slots:
         c->viewDidAppear();
         defaults().setValue("MAIN_INTERFACE", "usb");
         c->viewDidAppear();
-        QVERIFY(tcpControl.isEmpty());
+        QCOMPARE(tcpControl, 0);
         QVERIFY(title.calls.isEmpty());
         QCOMPARE(defaults().string("MAIN_INTERFACE"), std::optional<QString>("usb"));
     }
 
-    void deselectMessageGreysTheTitleAndDisablesTheControls() {
+    void tcpTakingOverGreysTheTitleAndDisablesTheControls() {
         SerialPortManager manager(envOnly({}));
         auto c = makeController(manager);
         c->viewDidLoad();
         c->titleLabelClickedWithSender();
         title.calls.clear();
         defaults().setValue("MAIN_INTERFACE", "TCP"); // the TCP page wrote its own value
-        post(QVariantMap{{"requesttype", "msg"}, {"msg", "deselect"}, {"van", ""}});
+        c->otherInterfaceChosen();
         QCOMPARE(title.text, std::optional<Rgba>(PageColor::selectedBlue));
         QCOMPARE(title.background, std::optional<Rgba>(PageColor::deselectedGrey));
         QCOMPARE(title.calls, (QStringList{"text", "background"}));
         QVERIFY(!portPopup.enabled && !baudPopup.enabled && !deviceTypePopup.enabled && !testButton.enabled);
         QCOMPARE(defaults().string("MAIN_INTERFACE"), std::optional<QString>("TCP"));
-    }
-
-    void msgOtherThanDeselectChangesNothing() {
-        SerialPortManager manager(envOnly({}));
-        auto c = makeController(manager);
-        c->viewDidLoad();
-        c->titleLabelClickedWithSender();
-        title.calls.clear();
-        post(QVariantMap{{"requesttype", "msg"}, {"msg", "select"}, {"van", ""}});
-        post(QVariantMap{{"requesttype", "msg"}, {"msg", "Deselect"}});
-        QVERIFY(title.calls.isEmpty());
-        QVERIFY(portPopup.enabled && testButton.enabled);
-        QCOMPARE(defaults().string("MAIN_INTERFACE"), std::optional<QString>("USB"));
     }
 
     // ---- requests from the POS
@@ -495,9 +478,7 @@ private slots:
         c->viewDidLoad();
         terminal.write(ts132n("ABC"));
         QVERIFY(waitUntil([&] { return responses.size() == 1; }, 2000));
-        QCOMPARE(responses[0], QVariant(QVariantMap{{"response", QVariantMap{{"data", "ABC"}}},
-                                                    {"devicetype", "CAT"},
-                                                    {"devicename", "TS-132N"}}));
+        QCOMPARE(responses[0], (TerminalAnswer{"ABC", "TS-132N"}));
         QVERIFY(c->combinedATransactionData().isEmpty());
     }
 
@@ -520,7 +501,7 @@ private slots:
         QVERIFY(responses.isEmpty());
         terminal.write(answer.mid(8));
         QVERIFY(waitUntil([&] { return responses.size() == 1; }, 2000));
-        QCOMPARE(responses[0].toMap().value("response").toMap().value("data"), QVariant("ABC"));
+        QCOMPARE(responses[0].text, QStringLiteral("ABC"));
         keepRunningFor(100);
         QCOMPARE(responses.size(), 1);
     }
@@ -538,11 +519,11 @@ private slots:
         QVERIFY(waitUntil([&] { return responses.size() == 1; }, 2000));
         terminal.write("K"); // the check byte, late
         QVERIFY(waitUntil([&] { return c->combinedATransactionData() == "K"; }, 2000));
-        QCOMPARE(responses[0].toMap().value("response").toMap().value("data"), QVariant("ABC"));
+        QCOMPARE(responses[0].text, QStringLiteral("ABC"));
         // The next answer starts with STX and drops the lone check byte.
         terminal.write(ts132n("DEF"));
         QVERIFY(waitUntil([&] { return responses.size() == 2; }, 2000));
-        QCOMPARE(responses[1].toMap().value("response").toMap().value("data"), QVariant("DEF"));
+        QCOMPARE(responses[1].text, QStringLiteral("DEF"));
     }
 
     void answerThatIsNotCodePage949IsDropped() {
@@ -563,8 +544,7 @@ private slots:
         // The next good answer goes through as usual.
         terminal.write(ts132n(QByteArray::fromHex("bdc2c0ce")));
         QVERIFY(waitUntil([&] { return responses.size() == 1; }, 2000));
-        QCOMPARE(responses[0].toMap().value("response").toMap().value("data"),
-                 QVariant(QStringLiteral("승인")));
+        QCOMPARE(responses[0].text, QStringLiteral("승인"));
         QVERIFY(c->combinedATransactionData().isEmpty());
     }
 
@@ -643,7 +623,7 @@ private slots:
         QCOMPARE(c->combinedATransactionData(), answer.left(6)); // reopening does not empty it
         terminal->write(ts132n("XYZ"));
         QVERIFY(waitUntil([&] { return responses.size() == 1; }, 2000));
-        QCOMPARE(responses[0].toMap().value("response").toMap().value("data"), QVariant("XYZ"));
+        QCOMPARE(responses[0].text, QStringLiteral("XYZ"));
     }
 
     void anotherPortComingOrGoingReopensTheStoredOne() {
@@ -680,42 +660,29 @@ private slots:
         c.reset();
         QVERIFY(!port->isOpen());
         QVERIFY(port->delegate() == nullptr);
-        QCOMPARE(NotificationCenter::defaultCenter().observerCount(NotificationName::USBcontrol), 0);
     }
 
     // ---- deliberate stops
 
-    void malformedNotificationsStop_data() {
-        QTest::addColumn<QVariant>("object");
+    void requestsThatCannotBeServedStop_data() {
+        QTest::addColumn<QVariant>("requestType");
+        QTest::addColumn<QByteArray>("data");
         QTest::addColumn<bool>("withPort");
         QTest::addColumn<QString>("reason");
-        QTest::newRow("no object") << QVariant() << false << "dictionary";
-        QTest::newRow("not a dictionary") << QVariant(QStringLiteral("payment")) << false << "dictionary";
-        QTest::newRow("no requesttype")
-            << QVariant(QVariantMap{{"data", QByteArray("A")}}) << false << "requesttype";
-        QTest::newRow("requesttype a number") << QVariant(request(5, "A")) << false << "requesttype";
+        QTest::newRow("requesttype a number") << QVariant(5) << QByteArray("A") << false << "requesttype";
         QTest::newRow("requesttype null")
-            << QVariant(request(QVariant::fromValue(nullptr), "A")) << false << "requesttype";
-        QTest::newRow("msg without msg")
-            << QVariant(QVariantMap{{"requesttype", "msg"}, {"van", ""}}) << false << "msg";
-        QTest::newRow("print without data, even with no port")
-            << QVariant(QVariantMap{{"requesttype", "print"}}) << false << "data";
-        QTest::newRow("print data not bytes")
-            << QVariant(QVariantMap{{"requesttype", "print"}, {"data", "text"}}) << false << "data";
-        QTest::newRow("payment without data, with a port")
-            << QVariant(QVariantMap{{"requesttype", "payment"}}) << true << "data";
-        QTest::newRow("payment data a list, with a port")
-            << QVariant(QVariantMap{{"requesttype", "payment"}, {"data", QVariantList{1, 2}}}) << true
-            << "data";
+            << QVariant::fromValue(nullptr) << QByteArray("A") << false << "requesttype";
+        QTest::newRow("msg from the POS") << QVariant("msg") << QByteArray() << false << "msg";
         QTest::newRow("print not UTF-8, with a port")
-            << QVariant(request("print", "\xff\xfe")) << true << "UTF-8";
+            << QVariant("print") << QByteArray("\xff\xfe") << true << "UTF-8";
         QTest::newRow("print cut inside its last character, with a port")
-            << QVariant(request("print", QStringLiteral("영수증").toUtf8().chopped(1))) << true << "UTF-8";
+            << QVariant("print") << QStringLiteral("영수증").toUtf8().chopped(1) << true << "UTF-8";
         QTest::newRow("print without a code page 949 form, with a port")
-            << QVariant(request("print", QStringLiteral("😀").toUtf8())) << true << "949";
+            << QVariant("print") << QStringLiteral("😀").toUtf8() << true << "949";
     }
-    void malformedNotificationsStop() {
-        QFETCH(QVariant, object);
+    void requestsThatCannotBeServedStop() {
+        QFETCH(QVariant, requestType);
+        QFETCH(QByteArray, data);
         QFETCH(bool, withPort);
         QFETCH(QString, reason);
         devsim::PseudoTerminal terminal;
@@ -727,21 +694,23 @@ private slots:
         auto c = makeController(manager);
         c->viewDidLoad();
         QCOMPARE(bool(c->serialPort()), withPort);
-        expectStop([&] { post(object); }, reason.toUtf8().constData());
+        expectStop([&] { post(request(requestType, data)); }, reason.toUtf8().constData());
     }
 
     void requestsThatOnlyMatterWithAPortDoNotStopWithoutOne_data() {
-        QTest::addColumn<QVariant>("object");
-        QTest::newRow("payment without data") << QVariant(QVariantMap{{"requesttype", "payment"}});
-        QTest::newRow("print not UTF-8") << QVariant(request("print", "\xff\xfe"));
-        QTest::newRow("print with an emoji") << QVariant(request("print", QStringLiteral("😀").toUtf8()));
+        QTest::addColumn<QString>("requestType");
+        QTest::addColumn<QByteArray>("data");
+        QTest::newRow("payment without data") << "payment" << QByteArray();
+        QTest::newRow("print not UTF-8") << "print" << QByteArray("\xff\xfe");
+        QTest::newRow("print with an emoji") << "print" << QStringLiteral("😀").toUtf8();
     }
     void requestsThatOnlyMatterWithAPortDoNotStopWithoutOne() {
-        QFETCH(QVariant, object);
+        QFETCH(QString, requestType);
+        QFETCH(QByteArray, data);
         SerialPortManager manager(envOnly({}));
         auto c = makeController(manager);
         c->viewDidLoad();
-        expectNoStop([&] { post(object); });
+        expectNoStop([&] { post(request(requestType, data)); });
     }
 
     void choosingAPortThatLeftTheListStops() {

@@ -15,6 +15,6 @@ common="$root/src/common"
 run_libfuzzer "$1" serial-fuzz "${2:-30}" "$here/seeds" "" \
     -I"$root/src" \
     "$root/src/terminal_serial/serialanswerframing.cpp" \
-    "$common/cp949.cpp" "$common/fatal.cpp" "$common/log.cpp" "$common/notificationcenter.cpp" \
+    "$common/cp949.cpp" "$common/fatal.cpp" "$common/log.cpp" "$common/terminalchannel.cpp" \
     "$common/textform.cpp" "$common/userdefaults.cpp" \
     "$here/serialanswerframing_fuzz.cpp"

@@ -10,8 +10,6 @@
 //    response, and posts exactly the response of that outcome; the buffer is empty after
 //    every chunk that holds an ETX.
 #include "common/cp949.h"
-#include "common/notificationcenter.h"
-#include "common/notificationnames.h"
 #include "terminal_serial/serialanswerframing.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -81,8 +79,7 @@ QByteArray bytesOf(const std::string &s) {
     return QByteArray(s.data(), static_cast<qsizetype>(s.size()));
 }
 
-// Feeds `chunks` to a framing that reads `usb` and `model` as its settings and counts
-// what it posts.
+// A framing that reads `mainInterface` and `model` as its settings.
 struct Harness {
     QString mainInterface = QStringLiteral("USB");
     QString model;
@@ -93,20 +90,14 @@ struct Harness {
     }};
 };
 
-std::vector<QVariant> *posts = nullptr;
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    static std::vector<QVariant> collected;
-    static const bool observing = [] {
-        posts = &collected;
-        NotificationCenter::defaultCenter().addObserver(NotificationName::WEBSOCKET, nullptr,
-                                                        [](const QVariant &o) { posts->push_back(o); });
-        return true;
-    }();
-    (void)observing;
-    collected.clear();
+    std::vector<TerminalAnswer> collected;
+    const auto feed = [&collected](Harness &harness, const QByteArray &chunk) {
+        if (const std::optional<TerminalAnswer> answer = harness.framing.didReceiveData(chunk))
+            collected.push_back(*answer);
+    };
 
     FuzzedDataProvider in(data, size);
     const QString model = models[in.ConsumeIntegralInRange<int>(0, 3)];
@@ -130,15 +121,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     Harness whole, cut;
     whole.model = cut.model = model;
     if (!stray.empty()) {
-        whole.framing.didReceiveData(bytesOf(stray));
-        cut.framing.didReceiveData(bytesOf(stray));
+        feed(whole, bytesOf(stray));
+        feed(cut, bytesOf(stray));
     }
     collected.clear();
-    whole.framing.didReceiveData(bytesOf(frame));
-    const std::vector<QVariant> wholePosts = collected;
+    feed(whole, bytesOf(frame));
+    const std::vector<TerminalAnswer> wholePosts = collected;
     collected.clear();
     for (const std::string &piece : pieces)
-        cut.framing.didReceiveData(bytesOf(piece));
+        feed(cut, bytesOf(piece));
     check(collected == wholePosts, "chunking changes the answer");
     check(whole.framing.combinedATransactionData().isEmpty(), "buffer left after a whole frame");
     check(cut.framing.combinedATransactionData().isEmpty(), "buffer left after a chunked frame");
@@ -148,8 +139,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (!wholePosts.empty()) {
         const bool kis = model == QLatin1String("KIS-7430");
         const std::string payload = frame.substr(kis ? 3 : 5, frame.size() - (kis ? 4 : 8));
-        check(wholePosts[0].toMap().value(QStringLiteral("response")).toMap().value(QStringLiteral("data")) ==
-                  QVariant(cp949::decode(bytesOf(payload)).value_or(QString())),
+        check(wholePosts[0].text == cp949::decode(bytesOf(payload)).value_or(QString()),
               "the posted text is the frame minus the model's framing bytes");
     }
 
@@ -166,12 +156,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         const QByteArray before = stream.framing.combinedATransactionData();
         const SerialAnswerFraming::Result expected = reference.feed(chunk, usb, model);
         collected.clear();
-        stream.framing.didReceiveData(bytesOf(chunk));
+        feed(stream, bytesOf(chunk));
         check(stream.framing.combinedATransactionData() == bytesOf(reference.buffer), "buffer differs");
         if (expected.outcome == Outcome::Answered) {
             check(collected.size() == 1, "an answer posts once");
-            check(collected[0] == QVariant(SerialAnswerFraming::responseFor(expected.text, model)),
-                  "posted response differs");
+            check(collected[0] == (TerminalAnswer{expected.text, model}), "posted answer differs");
         } else {
             check(collected.empty(), "no answer, no post");
         }
