@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/settingkeys.h"
+
 #include <QString>
 #include <QStringList>
 #include <optional>
@@ -11,8 +13,8 @@
 // can leave the header out.
 namespace OriginPolicy {
 
-inline const QString allowedKey = QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS");
-inline const QString pinFirstKey = QStringLiteral("WEBSOCKET_PIN_FIRST_ORIGIN");
+inline const QString &allowedKey = SettingKey::websocketAllowedOrigins;
+inline const QString &pinFirstKey = SettingKey::websocketPinFirstOrigin;
 
 // The listed origins; empty when the setting is unset or blank, which lets every page in.
 QStringList allowedOrigins();

@@ -1,4 +1,5 @@
 #include "requestrouting.h"
+#include "common/settingkeys.h"
 
 #include "common/fatal.h"
 #include "common/log.h"
@@ -36,8 +37,8 @@ void handleRequest(const QString &text, const TerminalChannels &channels) {
 
     const ParsedRequest request = orStop(parseRequest(text));
     const QVariantMap &internal = request.internal;
-    const RouteTarget target = orStop(routeFor(
-        request.object, [] { return UserDefaults::standard().value(QStringLiteral("MAIN_INTERFACE")); }));
+    const RouteTarget target = orStop(
+        routeFor(request.object, [] { return UserDefaults::standard().value(SettingKey::mainInterface); }));
 
     switch (target) {
     case RouteTarget::KitchenPrint:

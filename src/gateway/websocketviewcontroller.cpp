@@ -1,4 +1,5 @@
 #include "websocketviewcontroller.h"
+#include "common/settingkeys.h"
 
 #include "common/fatal.h"
 #include "common/log.h"
@@ -213,8 +214,7 @@ bool WebSocketViewController::holdUndeliveredAnswers() {
 }
 
 QHostAddress WebSocketViewController::listenAddress() const {
-    const std::optional<QString> all =
-        UserDefaults::standard().string(QStringLiteral("WEBSOCKET_LISTEN_ALL"));
+    const std::optional<QString> all = UserDefaults::standard().string(SettingKey::websocketListenAll);
     if (all && all->trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0)
         return QHostAddress::Any;
     return QHostAddress::LocalHost;

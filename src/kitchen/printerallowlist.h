@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/settingkeys.h"
+
 #include <QHostAddress>
 #include <QList>
 #include <QString>
@@ -18,7 +20,7 @@
 // cannot widen the list. An entry that is none of these allows nothing.
 class PrinterAllowList {
 public:
-    static inline const QString settingKey = QStringLiteral("KITCHEN_ALLOWED_PRINTERS");
+    static inline const QString &settingKey = SettingKey::kitchenAllowedPrinters;
 
     explicit PrinterAllowList(const QStringList &entries);
 

@@ -1,4 +1,5 @@
 #include "serialanswerframing.h"
+#include "common/settingkeys.h"
 
 #include "common/cp949.h"
 #include "common/fatal.h"
@@ -8,8 +9,8 @@
 
 namespace {
 
-const QString mainInterfaceKey = QStringLiteral("MAIN_INTERFACE");
-const QString deviceTypeKey = QStringLiteral("SERIAL_DEVICE_TYPE");
+const QString &mainInterfaceKey = SettingKey::mainInterface;
+const QString &deviceTypeKey = SettingKey::serialDeviceType;
 
 } // namespace
 

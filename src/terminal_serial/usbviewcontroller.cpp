@@ -1,4 +1,5 @@
 #include "usbviewcontroller.h"
+#include "common/settingkeys.h"
 
 #include "common/cp949.h"
 #include "common/fatal.h"
@@ -7,10 +8,10 @@
 
 namespace {
 
-const QString usbPortKey = QStringLiteral("USB_PORT");
-const QString baudRateKey = QStringLiteral("BAUD_RATE");
-const QString deviceTypeKey = QStringLiteral("SERIAL_DEVICE_TYPE");
-const QString mainInterfaceKey = QStringLiteral("MAIN_INTERFACE");
+const QString &usbPortKey = SettingKey::usbPort;
+const QString &baudRateKey = SettingKey::baudRate;
+const QString &deviceTypeKey = SettingKey::serialDeviceType;
+const QString &mainInterfaceKey = SettingKey::mainInterface;
 constexpr int defaultBaudRate = 9600;
 
 std::optional<QString> storedText(const QString &key) {

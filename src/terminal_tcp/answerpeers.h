@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/settingkeys.h"
+
 #include <QHash>
 #include <QHostAddress>
 #include <QList>
@@ -15,8 +17,8 @@
 // of these allows nothing.
 class AnswerPeers {
 public:
-    static inline const QString settingKey = QStringLiteral("TERMINAL_ANSWER_PEERS");
-    static inline const QString terminalWord = QStringLiteral("TCP_IP");
+    static inline const QString &settingKey = SettingKey::terminalAnswerPeers;
+    static inline const QString &terminalWord = SettingKey::tcpIp; // the entry that means the terminal
 
     explicit AnswerPeers(const QStringList &entries);
 

@@ -1,4 +1,5 @@
 #include "tcpviewcontroller.h"
+#include "common/settingkeys.h"
 
 #include "answerpeers.h"
 #include "common/cp949.h"
@@ -11,9 +12,9 @@
 
 namespace {
 
-const QString tcpDeviceKey = QStringLiteral("TCP_DEVICE");
-const QString tcpIpKey = QStringLiteral("TCP_IP");
-const QString mainInterfaceKey = QStringLiteral("MAIN_INTERFACE");
+const QString &tcpDeviceKey = SettingKey::tcpDevice;
+const QString &tcpIpKey = SettingKey::tcpIp;
+const QString &mainInterfaceKey = SettingKey::mainInterface;
 
 } // namespace
 

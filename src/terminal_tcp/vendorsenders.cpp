@@ -1,4 +1,5 @@
 #include "vendorsenders.h"
+#include "common/settingkeys.h"
 
 #include "common/cp949.h"
 #include "common/fatal.h"
@@ -180,7 +181,7 @@ void VendorSenders::sendSMARTRO(const QByteArray &bytes, const AnswerSink &sink)
 }
 
 std::optional<QHostAddress> VendorSenders::terminalAddress() {
-    const std::optional<QString> ip = UserDefaults::standard().string(QStringLiteral("TCP_IP"));
+    const std::optional<QString> ip = UserDefaults::standard().string(SettingKey::tcpIp);
     if (!ip || !matchesIPv4Rule(*ip))
         return std::nullopt;
     return QHostAddress(*ip);
