@@ -1,14 +1,23 @@
 // The path-routing HTTP front on its own: what a browser, curl or a WebSocket client
 // gets back for each kind of request.
+#include "forked.h"
 #include "net/chunkedbody.h"
 #include "net/httpserver.h"
+#include "net/keepaccepting.h"
 #include "rawwebsocket.h"
 #include "wait.h"
 
+#include <QTcpServer>
 #include <QTcpSocket>
 #include <QWebSocket>
 #include <QWebSocketHandshakeOptions>
 #include <QtTest>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
@@ -38,6 +47,78 @@ class HttpServerTest : public QObject {
     QList<QWebSocket *> upgraded;
 
 private slots:
+    // A server that has accepted before, so that Qt's engine has already seen "try again
+    // later", runs out of descriptors: it says so, stops taking connections instead of
+    // spinning, and takes the waiting one once a descriptor is free again.
+    void serverThatRunsOutOfDescriptorsSaysSoAndResumes() {
+        const ChildOutcome outcome = runInChild([] {
+            dup2(STDERR_FILENO, STDOUT_FILENO); // the lines come back with standard error
+            auto fail = [](const char *why) {
+                std::fprintf(stderr, "FAILED: %s\n", why);
+                std::fflush(stderr);
+                _exit(3);
+            };
+            QTcpServer server;
+            new KeepAccepting(&server, QStringLiteral("test server"));
+            int accepted = 0;
+            QList<QTcpSocket *> taken;
+            QObject::connect(&server, &QTcpServer::newConnection, [&] {
+                while (QTcpSocket *socket = server.nextPendingConnection()) {
+                    taken << socket;
+                    ++accepted;
+                }
+            });
+            if (!server.listen(QHostAddress::LocalHost))
+                fail("no listening socket");
+            sockaddr_in to{};
+            to.sin_family = AF_INET;
+            to.sin_port = htons(server.serverPort());
+            to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            const auto connectRaw = [&](int fd) {
+                return ::connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0;
+            };
+            int clients[3];
+            for (int &fd : clients)
+                fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (!connectRaw(clients[0]) || !waitUntil([&] { return accepted == 1; }, 3000))
+                fail("the first connection was not accepted");
+
+            // Every descriptor taken but one, which the next connection will take.
+            rlimit limit{};
+            getrlimit(RLIMIT_NOFILE, &limit);
+            limit.rlim_cur = 256;
+            setrlimit(RLIMIT_NOFILE, &limit);
+            QList<int> filler;
+            for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+                filler << fd;
+            ::close(filler.takeLast());
+            if (!connectRaw(clients[1]) || !waitUntil([&] { return accepted == 2; }, 3000))
+                fail("the second connection was not accepted");
+            if (!connectRaw(clients[2]))
+                fail("the third client could not connect");
+            QCoreApplication::processEvents();
+            std::fflush(stdout);
+            if (accepted != 2)
+                fail("a connection was accepted with no descriptor free");
+            // Two free: the waiting connection takes one, and one is left.
+            ::close(filler.takeLast());
+            ::close(filler.takeLast());
+            if (!waitUntil([&] { return accepted == 3; }, 3000))
+                fail("the waiting connection was not taken once a descriptor was free");
+            std::fflush(stdout);
+        });
+        QVERIFY2(outcome.exitCode == 0, outcome.standardError.constData());
+        // The child has the fixture's server too: every server of a process is paused together.
+        QStringList lines;
+        for (const QByteArray &line : outcome.standardError.split('\n'))
+            if (line.startsWith("test server on port "))
+                lines << QString::fromUtf8(line).replace(QRegularExpression(QStringLiteral("port \\d+")),
+                                                         QStringLiteral("port N"));
+        QCOMPARE(lines, (QStringList{"test server on port N cannot accept a connection: Out of resources; "
+                                     "trying again every second",
+                                     "test server on port N accepts connections again"}));
+    }
+
     void init() {
         httpRequests.clear();
         upgraded.clear();
