@@ -19,7 +19,8 @@ declare -A allowed=(
     [gateway]="common net store kitchen"
     [devsim]="common"
     [stomp]="common net"
-    [shell]="common net store kitchen terminal_serial terminal_tcp gateway"
+    [service]="common net store kitchen terminal_serial terminal_tcp gateway"
+    [shell]="common net store kitchen terminal_serial terminal_tcp gateway service"
 )
 # Headers the build generates next to a library rather than keeping in src/.
 generated="teranoversion.h"

@@ -5,6 +5,7 @@
 #include "gateway/websocketviewcontroller.h"
 #include "posclient.h"
 #include "recordingoutlets.h"
+#include "service/service.h"
 #include "shell/appdelegate.h"
 #include "shell/loginitems.h"
 #include "shell/popover.h"

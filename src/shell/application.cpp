@@ -8,6 +8,7 @@
 #include "gateway/originpolicy.h"
 #include "kitchen/kitchenretryqueue.h"
 #include "lockdown.h"
+#include "service/service.h"
 #include "singleinstance.h"
 #include "store/pendingstore.h"
 #include "viewcontroller.h"
@@ -194,6 +195,41 @@ bool haveDisplay() {
     return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
 }
 
+// A second launch shows the running service's pages instead of fighting it for ports. True
+// when a running service answered, and this launch has said so and must end.
+bool anotherInstanceAnswered(const QString &instanceSocket) {
+    switch (SingleInstance::askRunningInstanceToShow(instanceSocket)) {
+    case SingleInstance::Answer::Shown:
+        logLine(QStringLiteral("Terano Counter is already running: its settings are shown"));
+        return true;
+    case SingleInstance::Answer::CannotShow:
+        logLine(QStringLiteral(
+                    "Terano Counter is already running without a screen (--headless): settings are in %1")
+                    .arg(UserDefaults::standard().fileName()));
+        return true;
+    case SingleInstance::Answer::NoneRunning:
+        break;
+    }
+    return false;
+}
+
+// --headless, or no display at all: the service alone under a QCoreApplication, with no
+// widget and no platform plugin. A later launch is told there are no pages to show.
+int runWithoutScreen(int argc, char **argv, const QString &instanceSocket) {
+    QCoreApplication app(argc, argv);
+    if (anotherInstanceAnswered(instanceSocket))
+        return 0;
+    // Listening before the servers start: a launch from then on asks this one (answered once
+    // the event loop runs) instead of becoming a second service that finds the ports taken.
+    SingleInstance instance;
+    instance.listen(instanceSocket, [] { return false; });
+    Service service;
+    service.start();
+    // Kitchen orders an earlier run kept (KITCHEN_RETRY_MINUTES) go out again at once.
+    KitchenRetryQueue::instance().resumeAtStart();
+    return QCoreApplication::exec();
+}
+
 } // namespace
 
 int runTeranoCounter(int argc, char **argv) {
@@ -227,10 +263,12 @@ int runTeranoCounter(int argc, char **argv) {
         return runBrowserPolicyChore(line);
 
     raiseDescriptorLimit();
-    const bool offscreen = line.headless || !haveDisplay();
-    if (offscreen) {
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    } else if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+    const QString instanceSocket = SingleInstance::socketPath();
+    ensureRuntimeDirectory();
+    if (line.headless || !haveDisplay())
+        return runWithoutScreen(argc, argv, instanceSocket);
+
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
         // A display that cannot be reached (a stale DISPLAY after logging out, say) must
         // not keep the POS gateway from starting: fall back to running without a screen.
         qputenv("QT_QPA_PLATFORM",
@@ -238,30 +276,17 @@ int runTeranoCounter(int argc, char **argv) {
     }
     // The offscreen platform reports what it cannot do for windows nobody sees.
     QLoggingCategory::setFilterRules(QStringLiteral("qt.qpa.*=false"));
-    const QString instanceSocket = SingleInstance::socketPath();
-    ensureRuntimeDirectory();
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
 
-    // A second launch shows the running service's pages instead of fighting it for ports.
-    switch (SingleInstance::askRunningInstanceToShow(instanceSocket)) {
-    case SingleInstance::Answer::Shown:
-        logLine(QStringLiteral("Terano Counter is already running: its settings are shown"));
+    if (anotherInstanceAnswered(instanceSocket))
         return 0;
-    case SingleInstance::Answer::CannotShow:
-        logLine(QStringLiteral(
-                    "Terano Counter is already running without a screen (--headless): settings are in %1")
-                    .arg(UserDefaults::standard().fileName()));
-        return 0;
-    case SingleInstance::Answer::NoneRunning:
-        break;
-    }
     // Both ways below listen before the launch starts the servers: a launch from then on
     // asks this one (answered once the event loop runs) instead of becoming a second
     // service that finds the ports taken.
     SingleInstance instance;
 
-    if (!offscreen && QSystemTrayIcon::isSystemTrayAvailable()) {
+    if (QSystemTrayIcon::isSystemTrayAvailable()) {
         AppDelegate delegate;
         instance.listen(instanceSocket, [&delegate] {
             delegate.showPopover();
@@ -272,15 +297,12 @@ int runTeranoCounter(int argc, char **argv) {
         return QApplication::exec();
     }
 
-    if (!offscreen)
-        logLine(QStringLiteral("no system tray: running without a tray icon, as with --headless"));
+    logLine(QStringLiteral("no system tray: running without a tray icon, as with --headless"));
     // No tray to show the pages from: they are loaded but not shown, which starts the POS
-    // server, the terminal answer listeners and the stored serial port all the same. With a
-    // screen, a later launch shows them as an ordinary window.
+    // server, the terminal answer listeners and the stored serial port all the same. A later
+    // launch shows them as an ordinary window.
     std::unique_ptr<ViewController> pages(ViewController::freshController());
-    instance.listen(instanceSocket, [&pages, offscreen] {
-        if (offscreen)
-            return false;
+    instance.listen(instanceSocket, [&pages] {
         pages->setWindowTitle(QStringLiteral("테라노카운터"));
         pages->show();
         pages->raise();

@@ -3,6 +3,7 @@
 #include "common/fatal.h"
 #include "gateway/websocketviewcontroller.h"
 #include "gatewaypage.h"
+#include "service/service.h"
 #include "tcppage.h"
 #include "terminal_serial/usbviewcontroller.h"
 #include "terminal_tcp/tcpviewcontroller.h"
@@ -101,19 +102,6 @@ void ViewController::loadViewIfNeeded() {
     connect(close, &QPushButton::clicked, this, &ViewController::closeClicked);
     connect(exit, &QPushButton::clicked, this, &ViewController::exitClicked);
     viewDidLoad();
-}
-
-void connectTerminalChannels(WebSocketViewController *gateway, TCPViewController *tcp,
-                             USBViewController *usb) {
-    if (gateway)
-        gateway->setTerminalChannels({tcp, usb});
-    // One channel made active: the other page steps back.
-    if (tcp && usb) {
-        QObject::connect(tcp, &TCPViewController::interfaceChosen, usb,
-                         &USBViewController::otherInterfaceChosen);
-        QObject::connect(usb, &USBViewController::interfaceChosen, tcp,
-                         &TCPViewController::otherInterfaceChosen);
-    }
 }
 
 void ViewController::connectPages() {

@@ -7,14 +7,6 @@
 void ensureShellResources();
 
 class GatewayPage;
-class WebSocketViewController;
-class TCPViewController;
-class USBViewController;
-
-// The gateway hands terminal requests to the two channels and takes their answers; the
-// channel made active greys the other's page. Any of them may be missing.
-void connectTerminalChannels(WebSocketViewController *gateway, TCPViewController *tcp,
-                             USBViewController *usb);
 class TcpPage;
 class UsbPage;
 class QPushButton;

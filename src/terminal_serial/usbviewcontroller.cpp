@@ -191,8 +191,8 @@ void USBViewController::handleRequest(const TerminalRequest &request) {
         fatalStop(QStringLiteral("the \"requesttype\" of a USB terminal request is not text"));
     const QString &type = *request.requestType;
 
-    // "msg" names the pages' own control messages, which no POS sends: one from the POS
-    // means it and the service disagree about the protocol.
+    // "msg" is no request type of the POS protocol (the pages once used it among
+    // themselves): one from the POS means it and the service disagree about the protocol.
     if (type == QLatin1String("msg"))
         fatalStop(QStringLiteral("a USB control message has no \"msg\""));
 
