@@ -265,27 +265,6 @@ private slots:
                  (QList<QByteArray>{cp949::encode(QStringLiteral("불고기 1\n")).value(), "PROBE\n"}));
     }
 
-    void orderIsGivenUpWhenItsMinutesHavePassed() {
-        const quint16 port = freePort();
-        ServiceProcess service;
-        service.set("KITCHEN_RETRY_MINUTES", "1");
-        PosClient pos;
-        QVERIFY(startAndConnect(service, pos));
-        QElapsedTimer clock;
-        clock.start();
-        pos.send(kitchenOrderFrame(QStringLiteral("SECRET SOUP\n"), port));
-        QVERIFY(service.waitForStdoutLineCount(2, 75000));
-        const qint64 elapsed = clock.elapsed();
-        QVERIFY2(elapsed >= 59000 && elapsed <= 63000, qPrintable(QString::number(elapsed)));
-        keepRunningFor(500);
-        const QStringList lines = service.stdoutLines();
-        QCOMPARE(lines.size(), 2);
-        QVERIFY2(lines[1].contains(QStringLiteral("127.0.0.1:%1").arg(port)) && lines[1].contains("1 min"),
-                 qPrintable(lines[1]));
-        QVERIFY(!lines[1].contains("SECRET"));
-        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
-    }
-
     void storeIsPrivateToTheUser() {
         const quint16 port = freePort();
         ServiceProcess service;
