@@ -76,6 +76,17 @@ private slots:
         service.set(QStringLiteral("MAIN_INTERFACE"), QStringLiteral("TCP"));
         service.set(QStringLiteral("TCP_IP"), QStringLiteral("127.0.0.1"));
         QVERIFY(service.start());
+        // The answer listeners open with the TCP page, after the gateway: a flood that came
+        // before them would be refused there and use up no descriptor.
+        for (const quint16 port : {13189, 5501})
+            QVERIFY2(waitUntil(
+                         [&] {
+                             QTcpSocket probe;
+                             probe.connectToHost(QHostAddress(shopAddress), port);
+                             return probe.waitForConnected(1000);
+                         },
+                         10000),
+                     qPrintable(QStringLiteral("nothing listens on %1:%2").arg(shopAddress).arg(port)));
 
         // Idle connections to all three servers, more than the service has descriptors for.
         std::vector<std::unique_ptr<QTcpSocket>> flood;

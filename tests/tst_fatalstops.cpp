@@ -8,6 +8,7 @@
 #include "wait.h"
 
 #include <QtTest>
+#include <algorithm>
 
 namespace {
 constexpr quint16 gatewayPort = ServiceProcess::gatewayPort;
@@ -60,7 +61,29 @@ class FatalStopsTest : public QObject {
         if (QTest::currentTestFailed())
             return;
         QVERIFY(service.waitForStdoutLine(recvFired, 3000));
-        keepRunningFor(2500); // past the connect and read waits of a kitchen job
+        // Frames are taken in order: a kitchen job the frame started reaches the printer
+        // before a first probe order does, and its connect and read waits are over once
+        // every connection the printer saw, the probe's included, has been closed. A second
+        // probe printed after that shows the service still at work.
+        const auto printedAndAllClosed = [&](const QByteArray &order) {
+            bool seen = false;
+            for (const auto &c : printer.connections()) {
+                if (c.closedAtMs < 0)
+                    return false;
+                seen = seen || c.received == order;
+            }
+            return seen;
+        };
+        pos.send(kitchenOrderFrame(QStringLiteral("PROBE 1\n"), printer.port()));
+        QVERIFY2(waitUntil([&] { return printedAndAllClosed("PROBE 1\n"); }, 10000),
+                 qPrintable(service.stderrLines().join(u'\n')));
+        pos.send(kitchenOrderFrame(QStringLiteral("PROBE 2\n"), printer.port()));
+        const auto printedAt = [&](const QByteArray &order) {
+            return std::any_of(printer.connections().cbegin(), printer.connections().cend(),
+                               [&](const auto &c) { return c.received == order; });
+        };
+        QVERIFY2(waitUntil([&] { return printedAt("PROBE 2\n"); }, 10000),
+                 qPrintable(service.stderrLines().join(u'\n')));
         QVERIFY(service.isRunning());
         QCOMPARE(service.stderrLines(), QStringList());
     }

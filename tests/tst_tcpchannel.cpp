@@ -17,6 +17,7 @@
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <algorithm>
 
 namespace {
 
@@ -113,6 +114,20 @@ class TcpChannelTest : public QObject {
         QCOMPARE(channelLines(), QStringList());
     }
 
+    // Requests are taken in the order they are posted: once a later payment to KIS has
+    // reached its terminal, whatever an earlier request was going to send would be on its way.
+    // Returns whether the probe arrived; the caller checks what else did.
+    bool probeReachesKis() {
+        const QByteArray probe("\x02PROBE\x03");
+        post(request("KIS", probe));
+        return waitUntil(
+            [&] {
+                return std::any_of(kis->connections().cbegin(), kis->connections().cend(),
+                                   [&](const auto &c) { return c.received == probe; });
+            },
+            3000);
+    }
+
     bool deliverToListener(const TerminalListener *listener, const QByteArray &frame) {
         devsim::AnswerCall terminal{QHostAddress::LocalHost, listener->serverPort(), frame};
         return waitUntil([&] { return terminal.isFinished(); }, 5000) && terminal.closedByListener();
@@ -193,8 +208,9 @@ private slots:
         QFETCH(QVariant, van);
         load();
         post(request(van, "\x02REQ\x03"));
-        keepRunningFor(1200);
-        QCOMPARE(connectionCount(), 0);
+        QVERIFY(probeReachesKis());
+        QCOMPARE(connectionCount(), 1); // the probe's
+        QCOMPARE(kis->connections().first().received, QByteArray("\x02PROBE\x03"));
         QVERIFY(!title.background.has_value()); // not a deselect either
         QCOMPARE(channelLines(), QStringList());
     }
@@ -214,8 +230,9 @@ private slots:
         QCOMPARE(title.text, std::optional<Rgba>(PageColor::selectedBlue));
         QCOMPARE(ipField.editable, std::optional<bool>(false));
         QCOMPARE(ipField.enabled, std::optional<bool>(false));
-        keepRunningFor(1200);
-        QCOMPARE(connectionCount(), 0);
+        QVERIFY(probeReachesKis());
+        QCOMPARE(connectionCount(), 1); // the probe's
+        QCOMPARE(kis->connections().first().received, QByteArray("\x02PROBE\x03"));
         QVERIFY(UserDefaults::standard().value("MAIN_INTERFACE") == std::nullopt); // only the look changes
     }
 
@@ -245,8 +262,10 @@ private slots:
         QFETCH(QByteArray, text);
         load();
         post(request("SMARTRO", text, "print"));
-        keepRunningFor(1200);
-        QCOMPARE(connectionCount(), 0);
+        QVERIFY(waitUntil([&] { return !channelLines().isEmpty(); }, 3000));
+        QVERIFY(probeReachesKis());
+        QCOMPARE(connectionCount(), 1); // the probe's
+        QCOMPARE(kis->connections().first().received, QByteArray("\x02PROBE\x03"));
         QCOMPARE(channelLines().size(), 1);
         QVERIFY(channelLines().first().contains("not sent"));
     }

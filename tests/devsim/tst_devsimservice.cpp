@@ -205,22 +205,24 @@ private slots:
         QTemporaryDir dir;
         const QString link = dir.filePath(QStringLiteral("kis7430"));
         DevsimProcess terminal;
+        // In and out for 2 s at a time: long enough that the link is still as the line says
+        // when the test, on a busy machine, has read that line.
         QVERIFY(terminal.start({"serial", "--model", "KIS-7430", "--link", link, "--answer",
-                                QStringLiteral("재승인"), "--unplug-after", "1", "--unplug-for", "1"}));
+                                QStringLiteral("재승인"), "--unplug-after", "2", "--unplug-for", "2"}));
         ServiceProcess service;
         PosClient pos;
         QVERIFY(startWithSerialTerminal(service, pos, link, QStringLiteral("KIS-7430")));
 
         QVERIFY(
-            !terminal.waitForLineWith({QStringLiteral("KIS-7430 unplugged from ") + link}, 3000).isEmpty());
+            !terminal.waitForLineWith({QStringLiteral("KIS-7430 unplugged from ") + link}, 5000).isEmpty());
         QVERIFY(!QFile::exists(link));
         const QString back =
-            terminal.waitForLineWith({QStringLiteral("KIS-7430 plugged in again at ") + link}, 3000);
+            terminal.waitForLineWith({QStringLiteral("KIS-7430 plugged in again at ") + link}, 8000);
         QVERIFY(!back.isEmpty());
         QVERIFY(QFile::exists(link));
         // Whatever answers is the terminal as plugged in again: nothing was sent before. It
-        // goes again a second later; then the next time it is back.
-        QVERIFY(payUntilAnswered(pos, 5000));
+        // goes again 2 s later; then the next time it is back.
+        QVERIFY(payUntilAnswered(pos, 10000));
         QCOMPARE(
             pos.texts.first(),
             QStringLiteral(R"({"response":{"data":"재승인"},"devicetype":"CAT","devicename":"KIS-7430"})"));
