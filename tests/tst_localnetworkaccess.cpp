@@ -307,7 +307,7 @@ private slots:
                          return service.runToEnd({QStringLiteral("--pending")}, &out) == 0 &&
                                 out.contains("answer");
                      },
-                     10000),
+                     20000),
                  "the answer was not held");
         QCOMPARE(outcome(browser, QStringLiteral("counter.connect().then(() => 'open')")).toString(),
                  QStringLiteral("open"));

@@ -39,7 +39,7 @@ QStringList pending(ServiceProcess &service) {
 }
 
 bool answerIsWaiting(ServiceProcess &service) {
-    return waitUntil([&] { return pending(service).join(u'\n').contains("answer waiting"); }, 8000);
+    return waitUntil([&] { return pending(service).join(u'\n').contains("answer waiting"); }, 20000);
 }
 
 const QStringList kisOnLoopback{"MAIN_INTERFACE=TCP", "TCP_IP=127.0.0.1"};
