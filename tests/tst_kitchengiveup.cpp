@@ -13,14 +13,6 @@
 
 namespace {
 
-QStringList pending(ServiceProcess &service) {
-    QByteArray out;
-    service.runToEnd({"--pending"}, &out);
-    QStringList lines = QString::fromUtf8(out).split(u'\n');
-    lines.removeAll(QString());
-    return lines;
-}
-
 quint16 freePort() {
     QTcpServer probe;
     probe.listen(QHostAddress::LocalHost);
@@ -53,7 +45,7 @@ private slots:
         QVERIFY2(lines[1].contains(QStringLiteral("127.0.0.1:%1").arg(port)) && lines[1].contains("1 min"),
                  qPrintable(lines[1]));
         QVERIFY(!lines[1].contains("SECRET"));
-        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+        QCOMPARE(service.pendingLines(), QStringList{"nothing is waiting"});
     }
 };
 

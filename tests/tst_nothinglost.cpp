@@ -30,16 +30,8 @@ const QString &recvFired = ServiceProcess::recvFired;
 const QString approval = QStringLiteral("승인 완료 4321");
 const QString probeApproval = QStringLiteral("승인 완료 5555");
 
-QStringList pending(ServiceProcess &service) {
-    QByteArray out;
-    service.runToEnd({"--pending"}, &out);
-    QStringList lines = QString::fromUtf8(out).split(u'\n');
-    lines.removeAll(QString());
-    return lines;
-}
-
 bool answerIsWaiting(ServiceProcess &service) {
-    return waitUntil([&] { return pending(service).join(u'\n').contains("answer waiting"); }, 20000);
+    return waitUntil([&] { return service.pendingLines().join(u'\n').contains("answer waiting"); }, 20000);
 }
 
 const QStringList kisOnLoopback{"MAIN_INTERFACE=TCP", "TCP_IP=127.0.0.1"};
@@ -166,7 +158,7 @@ private slots:
             return;
         QCOMPARE(third.texts.size(), 1); // its own answer, nothing held
         QCOMPARE(reloaded.texts.size(), 2);
-        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+        QCOMPARE(service.pendingLines(), QStringList{"nothing is waiting"});
         QCOMPARE(service.stderrLines(), QStringList());
     }
 
@@ -223,7 +215,7 @@ private slots:
         QCOMPARE(printed(printer),
                  (QList<QByteArray>{QByteArray::fromHex("b1e8c4a1c2eeb0b320320a"), "PROBE\n"}));
         QCOMPARE(service.stdoutLines(), (QStringList{recvFired, recvFired})); // retries are quiet
-        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+        QCOMPARE(service.pendingLines(), QStringList{"nothing is waiting"});
     }
 
     void threeOrdersArriveInTheOrderTheyCame() {
@@ -248,8 +240,8 @@ private slots:
         PosClient pos;
         QVERIFY(startRetrying(service, pos));
         pos.send(kitchenOrderFrame(QStringLiteral("불고기 1\n"), port));
-        QVERIFY(
-            waitUntil([&] { return pending(service).join(u'\n').contains("kitchen order waiting"); }, 5000));
+        QVERIFY(waitUntil(
+            [&] { return service.pendingLines().join(u'\n').contains("kitchen order waiting"); }, 5000));
         service.killHard();
         devsim::Printer printer;
         QVERIFY(printer.listen(port));
@@ -338,7 +330,7 @@ private slots:
             QVERIFY2(line.endsWith(QLatin1String(" s (83 bytes), was dropped unread")) &&
                          !line.contains("ANSWER"),
                      qPrintable(line));
-        QCOMPARE(pending(service)
+        QCOMPARE(service.pendingLines()
                      .filter(QRegularExpression(QStringLiteral("^answer waiting .*, 83 bytes$")))
                      .size(),
                  100);
@@ -357,7 +349,7 @@ private slots:
             received << answerData(text);
         QCOMPARE(received, expected);
         QCOMPARE(linesStartingWith(service, dropped).size(), 20);
-        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+        QCOMPARE(service.pendingLines(), QStringList{"nothing is waiting"});
     }
 
     // The disk fills after the answer is kept: the first POS gets it, its removal fails, and
@@ -399,7 +391,7 @@ private slots:
 
         // With room again its removal goes through, and nothing is left to deliver.
         QVERIFY(disk.makeRoom());
-        QVERIFY(waitUntil([&] { return pending(service) == QStringList{"nothing is waiting"}; }, 8000));
+        QVERIFY(waitUntil([&] { return service.pendingLines() == QStringList{"nothing is waiting"}; }, 8000));
         QCOMPARE(service.stderrLines(), QStringList());
     }
 
@@ -415,8 +407,8 @@ private slots:
         PosClient pos;
         QVERIFY(startRetrying(service, pos));
         pos.send(kitchenOrderFrame(QStringLiteral("ORDER A\n"), port));
-        QVERIFY(
-            waitUntil([&] { return pending(service).join(u'\n').contains("kitchen order waiting"); }, 5000));
+        QVERIFY(waitUntil(
+            [&] { return service.pendingLines().join(u'\n').contains("kitchen order waiting"); }, 5000));
         QVERIFY2(disk.fill(), qPrintable(disk.error()));
         pos.send(kitchenOrderFrame(QStringLiteral("ORDER B\n"), port));
         const QString notKept =
@@ -437,7 +429,7 @@ private slots:
                  QStringList{notRemoved.arg("a printed kitchen order")});
 
         QVERIFY(disk.makeRoom());
-        QVERIFY(waitUntil([&] { return pending(service) == QStringList{"nothing is waiting"}; }, 8000));
+        QVERIFY(waitUntil([&] { return service.pendingLines() == QStringList{"nothing is waiting"}; }, 8000));
         service.killHard();
         QVERIFY(service.start());
         PosClient afterRestart;
@@ -504,9 +496,9 @@ private slots:
         QCOMPARE(contentsOf(match.captured(1)), before);
 
         pos.send(kitchenOrderFrame(QStringLiteral("NEXT ORDER\n"), port));
-        QVERIFY(
-            waitUntil([&] { return pending(service).join(u'\n').contains("kitchen order waiting"); }, 5000));
-        const QStringList listed = pending(service);
+        QVERIFY(waitUntil(
+            [&] { return service.pendingLines().join(u'\n').contains("kitchen order waiting"); }, 5000));
+        const QStringList listed = service.pendingLines();
         QCOMPARE(listed.size(), 2);
         QVERIFY2(listed[0].startsWith(QStringLiteral("kitchen order waiting ")) &&
                      listed[0].endsWith(QStringLiteral(", printer 127.0.0.1:%1, 11 bytes").arg(port)),
@@ -535,7 +527,7 @@ private slots:
         }
         payThenLeave(service);
         QVERIFY(answerIsWaiting(service));
-        const QStringList lines = pending(service);
+        const QStringList lines = service.pendingLines();
         QCOMPARE(lines.size(), 2);
         QVERIFY2(lines[0].startsWith("answer waiting ") && lines[0].endsWith(" bytes"), qPrintable(lines[0]));
         QVERIFY2(lines[1].startsWith("kitchen order waiting ") &&
@@ -547,7 +539,7 @@ private slots:
         QByteArray out;
         QCOMPARE(service.runToEnd({"--pending", "--clear"}, &out), 0);
         QVERIFY(out.contains("removed 1 answers and 1 kitchen orders"));
-        QCOMPARE(pending(service), QStringList{"nothing is waiting"});
+        QCOMPARE(service.pendingLines(), QStringList{"nothing is waiting"});
     }
 };
 

@@ -24,6 +24,14 @@ public:
 
     // Runs `teranocounter <arguments>` to completion (for --set and --settings).
     int runToEnd(const QStringList &arguments, QByteArray *out = nullptr, QByteArray *err = nullptr);
+    // The lines `--pending` prints for this service's store, blank ones left out.
+    QStringList pendingLines() {
+        QByteArray out;
+        runToEnd({QStringLiteral("--pending")}, &out);
+        QStringList lines = QString::fromUtf8(out).split(u'\n');
+        lines.removeAll(QString());
+        return lines;
+    }
     void set(const QString &key, const QString &value);
 
     // Starts `teranocounter --headless` and waits until the gateway accepts connections
