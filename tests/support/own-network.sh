@@ -3,14 +3,22 @@
 # with a private address (the service takes answers on the first non-loopback interface).
 # The system tests start the real service on its fixed ports; each in its own namespace,
 # they can run side by side. Needs root, as CI has.
+#
+# It also gets pseudo-terminals of its own. The kernel hands out the lowest free number, so
+# when a test closes /dev/pts/3, a test beside it that opens one gets /dev/pts/3 again: the
+# same device number at the same path, and a port that should have gone looks as if it had
+# stayed. A devpts instance per namespace keeps each test's numbers to itself.
 # Usage: own-network.sh COMMAND [ARGUMENT...]
 set -euo pipefail
 
 if [[ ${TERANO_OWN_NETWORK:-} != entered ]]; then
     export TERANO_OWN_NETWORK=entered
-    exec unshare --net -- bash "$0" "$@"
+    exec unshare --net --mount -- bash "$0" "$@"
 fi
 unset TERANO_OWN_NETWORK
+
+mount -t devpts -o newinstance,ptmxmode=0666,mode=620 devpts /dev/pts
+mount --bind /dev/pts/ptmx /dev/ptmx
 
 ip link set lo up
 # A veth pair with both ends here: it has a carrier once both are up, as a cable does.
