@@ -14,6 +14,7 @@
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QtTest>
+#include <csignal>
 
 namespace {
 constexpr quint16 gatewayPort = ServiceProcess::gatewayPort;
@@ -64,6 +65,27 @@ private slots:
                      (QFileDevice::ReadGroup | QFileDevice::ReadOther | QFileDevice::WriteGroup |
                       QFileDevice::WriteOther),
                  QFileDevice::Permissions());
+    }
+
+    // A supervisor's SIGTERM can come at any moment, also while the first start writes its
+    // settings (QSettings holds a lock file across the write). Ending there left the lock
+    // behind, and the next start waited half a minute in its own first write, with the POS
+    // port listening and no handshake answered. The service still ends of the signal.
+    void terminatedAsSoonAsItListensLeavesNoSettingsLockBehind() {
+        for (int round = 0; round < 30; ++round) {
+            ServiceProcess service; // a fresh HOME: this start writes the terminal's default
+            QVERIFY(service.start());
+            QCOMPARE(::kill(static_cast<pid_t>(service.pid()), SIGTERM), 0);
+            QVERIFY(service.waitForExit(5000));
+            QCOMPARE(service.exitStatus(), QProcess::CrashExit);
+            QCOMPARE(service.exitCode(), SIGTERM);
+            const QStringList left = QDir(QFileInfo(service.settingsFile()).absolutePath())
+                                         .entryList({QStringLiteral("*.lock"), QStringLiteral("*.rmlock")},
+                                                    QDir::Files | QDir::Hidden);
+            QVERIFY2(left.isEmpty(),
+                     qPrintable(
+                         QStringLiteral("round %1 left %2").arg(round).arg(left.join(QStringLiteral(", ")))));
+        }
     }
 
     void kitchenOrderReachesThePrinterInCodePage949() {

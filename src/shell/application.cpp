@@ -4,6 +4,7 @@
 #include "browserpolicy.h"
 #include "commandline.h"
 #include "common/log.h"
+#include "common/terminationsignals.h"
 #include "common/userdefaults.h"
 #include "gateway/originpolicy.h"
 #include "kitchen/kitchenretryqueue.h"
@@ -217,6 +218,7 @@ bool anotherInstanceAnswered(const QString &instanceSocket) {
 // widget and no platform plugin. A later launch is told there are no pages to show.
 int runWithoutScreen(int argc, char **argv, const QString &instanceSocket) {
     QCoreApplication app(argc, argv);
+    endOnTerminationSignalsBetweenEvents();
     if (anotherInstanceAnswered(instanceSocket))
         return 0;
     // Listening before the servers start: a launch from then on asks this one (answered once
@@ -278,6 +280,7 @@ int runTeranoCounter(int argc, char **argv) {
     QLoggingCategory::setFilterRules(QStringLiteral("qt.qpa.*=false"));
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
+    endOnTerminationSignalsBetweenEvents();
 
     if (anotherInstanceAnswered(instanceSocket))
         return 0;

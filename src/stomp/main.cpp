@@ -1,5 +1,5 @@
 #include "common/log.h"
-#include "terminationsignals.h"
+#include "common/terminationsignals.h"
 #include "testserver.h"
 
 #include <QCoreApplication>
