@@ -1,4 +1,5 @@
 #include "gateway/request.h"
+#include "gateway/requestrouting.h"
 
 #include <QtTest>
 #include <cstring>

@@ -4,6 +4,7 @@
 #include "common/fatal.h"
 #include "common/log.h"
 #include "common/terminalchannel.h"
+#include "common/textform.h"
 #include "common/userdefaults.h"
 #include "kitchen/kitchenprintservice.h"
 #include "request.h"
@@ -55,4 +56,23 @@ void handleRequest(const QString &text, const TerminalChannels &channels) {
     case RouteTarget::Drop:
         break;
     }
+}
+
+std::variant<RouteTarget, RequestError>
+routeFor(const QVariantMap &requestObject, const std::function<std::optional<QVariant>()> &mainInterface) {
+    if (!requestObject.contains(RequestKey::requesttype))
+        return RequestError{QStringLiteral("request has no \"requesttype\"")};
+    if (textualForm(requestObject.value(RequestKey::requesttype)) == QLatin1String("kitchenPrint"))
+        return RouteTarget::KitchenPrint;
+
+    const std::optional<QVariant> interface = mainInterface();
+    if (!interface)
+        return RequestError{QStringLiteral("MAIN_INTERFACE is not set; choose TCP or USB before sending "
+                                           "terminal requests")};
+    const QString name = textualForm(*interface);
+    if (name == QLatin1String("TCP"))
+        return RouteTarget::TcpTerminal;
+    if (name == QLatin1String("USB"))
+        return RouteTarget::UsbTerminal;
+    return RouteTarget::Drop;
 }

@@ -1,6 +1,13 @@
 #pragma once
 
+#include "jsonframe.h"
+
 #include <QString>
+#include <QVariant>
+#include <QVariantMap>
+#include <functional>
+#include <optional>
+#include <variant>
 
 class TerminalChannel;
 
@@ -16,3 +23,11 @@ struct TerminalChannels {
 // first for every frame. A frame that cannot be read, and a terminal request while no
 // interface has been chosen, stop the service.
 void handleRequest(const QString &text, const TerminalChannels &channels);
+
+enum class RouteTarget { KitchenPrint, TcpTerminal, UsbTerminal, Drop };
+
+// Where a request goes. Kitchen orders never look at MAIN_INTERFACE, so kitchen printing
+// works whichever terminal is set, or none. `mainInterface` is asked for only when it
+// matters.
+std::variant<RouteTarget, RequestError>
+routeFor(const QVariantMap &requestObject, const std::function<std::optional<QVariant>()> &mainInterface);

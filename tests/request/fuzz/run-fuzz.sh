@@ -15,4 +15,4 @@ source "$root/tests/support/libfuzzer.sh"
 # shellcheck disable=SC2046
 run_libfuzzer "$1" request-fuzz "${2:-30}" "$here/seeds" "$here/request.dict" \
     -I"$root/src" $(pkg-config --cflags --libs simdjson) \
-    "$root/src/gateway/request.cpp" "$root/src/common/textform.cpp" "$here/request_fuzz.cpp"
+    "$root/src/gateway/jsonframe.cpp" "$root/src/gateway/request.cpp" "$root/src/common/textform.cpp" "$here/request_fuzz.cpp"
