@@ -24,6 +24,7 @@ const QString posOrigin = QStringLiteral("http://192.168.0.20:8080");
 class GatewayPageTest : public QObject {
     Q_OBJECT
     QTemporaryDir config;
+    std::unique_ptr<WebSocketViewController> gateway; // what the page shows; it outlives the page
     std::unique_ptr<GatewayPage> page;
     quint16 port = 0;
 
@@ -37,7 +38,8 @@ private slots:
 
     void init() {
         UserDefaults::standard().remove(allowedKey);
-        page = std::make_unique<GatewayPage>(nullptr, 0);
+        gateway = std::make_unique<WebSocketViewController>(0);
+        page = std::make_unique<GatewayPage>(*gateway);
         port = page->controller().server.serverPort();
         QVERIFY(port != 0);
         page->show();
@@ -46,6 +48,7 @@ private slots:
 
     void cleanup() {
         page.reset();
+        gateway.reset();
         UserDefaults::standard().remove(allowedKey);
     }
 

@@ -102,7 +102,8 @@ private slots:
     // ---- storyboard and main page
 
     void storyboardNamesTheMainSceneAndItsPages() {
-        std::unique_ptr<ViewController> main(ViewController::freshController());
+        Service service;
+        std::unique_ptr<ViewController> main(ViewController::freshController(service));
         QVERIFY(main);
         QCOMPARE(main->embeddedPages(),
                  (QStringList{"WebSocketViewController", "TCPViewController", "USBViewController"}));
@@ -124,7 +125,10 @@ private slots:
         const QString path = xdg.filePath("Main.storyboard");
         if (!storyboard.isNull())
             writeFile(path, storyboard);
-        const ChildOutcome outcome = runInChild([path] { ViewController::freshController(path); });
+        const ChildOutcome outcome = runInChild([path] {
+            Service service;
+            ViewController::freshController(service, path);
+        });
         QVERIFY(outcome.exitedNormally);
         QVERIFY(outcome.exitCode != 0);
         QCOMPARE(outcome.standardError,
@@ -132,7 +136,8 @@ private slots:
     }
 
     void closeButtonAsksTheDelegateToClose() {
-        std::unique_ptr<ViewController> main(ViewController::freshController());
+        Service service;
+        std::unique_ptr<ViewController> main(ViewController::freshController(service));
         QSignalSpy closeRequested(main.get(), &ViewController::closeRequested);
         main->closeClicked();
         QCOMPARE(closeRequested.size(), 1);
@@ -210,11 +215,12 @@ private slots:
     }
 
     void exitEndsTheProcessWithStatusZeroOnlyWhenConfirmed() {
-        std::unique_ptr<ViewController> main(ViewController::freshController());
+        Service service;
+        std::unique_ptr<ViewController> main(ViewController::freshController(service));
         main->dialogOKCancel = [](const QString &, const QString &) { return false; };
         main->exitClicked(); // still here
-        const ChildOutcome confirmed = runInChild([] {
-            std::unique_ptr<ViewController> child(ViewController::freshController());
+        const ChildOutcome confirmed = runInChild([&service] {
+            std::unique_ptr<ViewController> child(ViewController::freshController(service));
             child->dialogOKCancel = [](const QString &, const QString &) { return true; };
             child->exitClicked();
             std::_Exit(3); // only reached if the exit did not happen
@@ -231,8 +237,9 @@ private slots:
     }
 
     void printQuotePrintsOneLine() {
+        Service service;
         StdoutCapture capture;
-        AppDelegate().printQuote();
+        AppDelegate(service).printQuote();
         QCOMPARE(capture.lines().size(), 1);
         QVERIFY(capture.lines().first().startsWith(
             "Never put off until tomorrow what you can do the day after tomorrow. — "));

@@ -28,10 +28,12 @@ bool sameColour(const QColor &actual, const Rgba &expected) {
 class TcpPageTest : public QObject {
     Q_OBJECT
     QTemporaryDir config;
+    std::unique_ptr<TCPViewController> channel; // what the page shows; it outlives the page
     std::unique_ptr<TcpPage> page;
 
     void loadPage() {
-        page = std::make_unique<TcpPage>();
+        channel = std::make_unique<TCPViewController>();
+        page = std::make_unique<TcpPage>(*channel);
         page->controller().localAddressLookup = [] { return QStringList{"127.0.0.1"}; };
         page->controller().kiccAnswerPort = 0;
         page->controller().smartroAnswerPort = 0;
@@ -47,7 +49,10 @@ private slots:
             UserDefaults::standard().remove(key);
     }
 
-    void cleanup() { page.reset(); }
+    void cleanup() {
+        page.reset();
+        channel.reset();
+    }
 
     void pageShowsTheVendorsInOrderAndTheListenersStarted() {
         UserDefaults::standard().setValue("TCP_IP", "192.168.0.10");

@@ -13,10 +13,11 @@
 void connectTerminalChannels(WebSocketViewController *gateway, TCPViewController *tcp,
                              USBViewController *usb);
 
-// The whole service with no page to show it: the POS gateway (kitchen printing and the
-// pending store behind it), the TCP channel with its answer listeners, and the USB channel
-// with the stored port. start() loads them in the order the pages do, so a shop running
-// --headless sees the same lines, listeners and ports as one with the tray.
+// The whole service: the POS gateway (kitchen printing and the pending store behind it), the
+// TCP channel with its answer listeners, and the USB channel with the stored port. With a
+// screen, the popover's pages show these and loading each page starts its part, as the
+// pages always have. Without one, start() loads them in the order the pages do, so a shop
+// running --headless sees the same lines, listeners and ports as one with the tray.
 class Service : public QObject {
     Q_OBJECT
 public:

@@ -21,7 +21,7 @@ QIcon AppDelegate::statusBarIcon() {
     return icon;
 }
 
-AppDelegate::AppDelegate() = default;
+AppDelegate::AppDelegate(Service &service) : service(service) {}
 
 AppDelegate::~AppDelegate() = default;
 
@@ -36,7 +36,7 @@ void AppDelegate::applicationDidFinishLaunching() {
     });
     statusItem.show();
 
-    ViewController *pages = ViewController::freshController();
+    ViewController *pages = ViewController::freshController(service);
     popover.setContentViewController(pages);
     connect(pages, &ViewController::closeRequested, this, &AppDelegate::closePopover);
 

@@ -9,6 +9,8 @@
 #include <QSystemTrayIcon>
 #include <memory>
 
+class Service;
+
 // The service as the shop owner sees it: one icon in the system tray; a click opens the
 // popover with the service's status and the terminal settings under it, a second click or
 // a click in another application closes it. Launching shows the popover once and closes
@@ -20,7 +22,8 @@ public:
     static inline const QString statusBarButtonImage = QStringLiteral(":/StatusBarButtonImage");
     static QIcon statusBarIcon();
 
-    AppDelegate();
+    // The pages in the popover show `service`, which must outlive the delegate.
+    explicit AppDelegate(Service &service);
     ~AppDelegate() override;
 
     void applicationDidFinishLaunching();
@@ -37,4 +40,5 @@ private:
     // When a click on the icon is what took the focus from the popover, the monitor has
     // closed it already by the time the click arrives; that click must not open it again.
     QElapsedTimer sinceMonitorClosed;
+    Service &service;
 };

@@ -288,9 +288,11 @@ int runTeranoCounter(int argc, char **argv) {
     // asks this one (answered once the event loop runs) instead of becoming a second
     // service that finds the ports taken.
     SingleInstance instance;
+    // What the pages show; their loading starts it, in the order the pages come.
+    Service service;
 
     if (QSystemTrayIcon::isSystemTrayAvailable()) {
-        AppDelegate delegate;
+        AppDelegate delegate(service);
         instance.listen(instanceSocket, [&delegate] {
             delegate.showPopover();
             return true;
@@ -304,7 +306,7 @@ int runTeranoCounter(int argc, char **argv) {
     // No tray to show the pages from: they are loaded but not shown, which starts the POS
     // server, the terminal answer listeners and the stored serial port all the same. A later
     // launch shows them as an ordinary window.
-    std::unique_ptr<ViewController> pages(ViewController::freshController());
+    std::unique_ptr<ViewController> pages(ViewController::freshController(service));
     instance.listen(instanceSocket, [&pages] {
         pages->setWindowTitle(QStringLiteral("테라노카운터"));
         pages->show();

@@ -13,7 +13,7 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
-GatewayPage::GatewayPage(QWidget *parent, quint16 port)
+GatewayPage::GatewayPage(WebSocketViewController &controller, QWidget *parent)
     : QWidget(parent), statusLabel(new QLabel(QStringLiteral("서비스 준비"), this)),
       connectionLabel(new QLabel(QStringLiteral("POS 연결 대기"), this)), originLabel(new QLabel(this)),
       allowedLabel(new QLabel(this)), refusedLabel(new QLabel(this)),
@@ -24,7 +24,7 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
       policyField(new QLineEdit(this)), copyButton(new QPushButton(QStringLiteral("복사"), this)),
       statusOutlet(statusLabel), connectionOutlet(connectionLabel), originOutlet(originLabel),
       allowedOutlet(allowedLabel), refusedOutlet(refusedLabel), pinOutlet(pinButton),
-      clearOutlet(clearButton), viewController(std::make_unique<WebSocketViewController>(port)) {
+      clearOutlet(clearButton), viewController(controller) {
     auto *layout = new QVBoxLayout(this);
     auto *title = new QLabel(
         QStringLiteral("POS 게이트웨이 (ws://127.0.0.1:%1/)").arg(WebSocketViewController::defaultPort),
@@ -69,7 +69,7 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     connect(copyButton, &QPushButton::clicked, this,
             [this] { QGuiApplication::clipboard()->setText(policyField->text()); });
 
-    WebSocketViewController &c = *viewController;
+    WebSocketViewController &c = viewController;
     c.websocketLabel = &statusOutlet;
     c.posConnectionLabel = &connectionOutlet;
     c.posOriginLabel = &originOutlet;
@@ -85,10 +85,20 @@ GatewayPage::GatewayPage(QWidget *parent, quint16 port)
     showBrowserPolicy();
 }
 
-GatewayPage::~GatewayPage() = default;
+GatewayPage::~GatewayPage() {
+    // The gateway goes on without the page: nothing may write to its widgets any more.
+    WebSocketViewController &c = viewController;
+    c.websocketLabel = nullptr;
+    c.posConnectionLabel = nullptr;
+    c.posOriginLabel = nullptr;
+    c.allowedOriginsLabel = nullptr;
+    c.refusedOriginsLabel = nullptr;
+    c.pinOriginButton = nullptr;
+    c.clearOriginsButton = nullptr;
+}
 
 void GatewayPage::appear() {
-    viewController->viewDidAppear();
+    viewController.viewDidAppear();
     showProtections(); // they may have been changed from a terminal
 }
 
@@ -106,7 +116,7 @@ void GatewayPage::lockDownClicked() {
         written << setting.first + u'=' + setting.second;
     logLine(singleLine(QStringLiteral("protections turned on from the popover: ") +
                        written.join(QStringLiteral(", "))));
-    viewController->viewDidAppear();
+    viewController.viewDidAppear();
     showProtections();
 }
 
@@ -114,7 +124,7 @@ void GatewayPage::showBrowserPolicy() {
     // The POS shown first, then the origins allowed: the command replaces the browsers'
     // list, so it must keep every site the shop lets in.
     QStringList origins;
-    const std::optional<QString> connected = viewController->posOrigin();
+    const std::optional<QString> connected = viewController.posOrigin();
     if (connected && !connected->isEmpty()) // a client without Origin is no browser page
         origins << *connected;
     for (const QString &origin : OriginPolicy::allowedOrigins())

@@ -15,18 +15,18 @@ class QPushButton;
 // POS page comes from, which sites may connect, and the latest refused ones; its buttons
 // pin the connected POS's site or clear the list, and one turns on every protection we
 // recommend for a shop. For a POS page from a public site it shows the command that lets
-// the browsers connect it without asking the cashier. Loading the page is what starts the
-// server.
+// the browsers connect it without asking the cashier. The page shows the service's gateway
+// and stays attached to it while it lives; creating the page is what starts the server.
 class GatewayPage : public QWidget {
     Q_OBJECT
 public:
-    explicit GatewayPage(QWidget *parent = nullptr, quint16 port = WebSocketViewController::defaultPort);
+    explicit GatewayPage(WebSocketViewController &controller, QWidget *parent = nullptr);
     ~GatewayPage() override;
 
     // The page was shown.
     void appear();
 
-    WebSocketViewController &controller() { return *viewController; }
+    WebSocketViewController &controller() { return viewController; }
     QLabel *websocketLabel() const { return statusLabel; }
     QLabel *posConnectionLabel() const { return connectionLabel; }
     QLabel *posOriginLabel() const { return originLabel; }
@@ -66,5 +66,5 @@ private:
     LabelOutlet refusedOutlet;
     ButtonOutlet pinOutlet;
     ButtonOutlet clearOutlet;
-    std::unique_ptr<WebSocketViewController> viewController;
+    WebSocketViewController &viewController;
 };

@@ -9,14 +9,14 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
-TcpPage::TcpPage(QWidget *parent)
+TcpPage::TcpPage(TCPViewController &controller, QWidget *parent)
     : QWidget(parent), title(new ClickableLabel(QStringLiteral("TCP"), this)), popup(new QComboBox(this)),
       ip(new QLineEdit(this)), test(new QPushButton(QStringLiteral("연결 테스트"), this)),
       kiccStatus(new QLabel(QStringLiteral("시작 전"), this)),
       kisStatus(new QLabel(QStringLiteral("요청 연결로 응답"), this)),
       smartroStatus(new QLabel(QStringLiteral("시작 전"), this)), titleOutlet(title), popupOutlet(popup),
       ipOutlet(ip), testOutlet(test), kiccOutlet(kiccStatus), kisOutlet(kisStatus),
-      smartroOutlet(smartroStatus), viewController(std::make_unique<TCPViewController>()) {
+      smartroOutlet(smartroStatus), viewController(controller) {
     title->setAlignment(Qt::AlignCenter);
     title->setMargin(4);
     title->setCursor(Qt::PointingHandCursor);
@@ -36,7 +36,7 @@ TcpPage::TcpPage(QWidget *parent)
     layout->addLayout(form);
     layout->addWidget(test);
 
-    TCPViewController &c = *viewController;
+    TCPViewController &c = viewController;
     c.titleLabel = &titleOutlet;
     c.tcpDevicePopupButton = &popupOutlet;
     c.ipTextfield = &ipOutlet;
@@ -54,12 +54,22 @@ TcpPage::TcpPage(QWidget *parent)
     connect(test, &QPushButton::clicked, this, [&c] { c.connectionTestClicked(); });
 }
 
-TcpPage::~TcpPage() = default;
+TcpPage::~TcpPage() {
+    // The channel goes on without the page: nothing may write to its widgets any more.
+    TCPViewController &c = viewController;
+    c.titleLabel = nullptr;
+    c.tcpDevicePopupButton = nullptr;
+    c.ipTextfield = nullptr;
+    c.connectionTestButton = nullptr;
+    c.kiccLabel = nullptr;
+    c.kisLabel = nullptr;
+    c.smartroLabel = nullptr;
+}
 
 void TcpPage::load() {
-    viewController->viewDidLoad();
+    viewController.viewDidLoad();
 }
 
 void TcpPage::appear() {
-    viewController->viewDidAppear();
+    viewController.viewDidAppear();
 }

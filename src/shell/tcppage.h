@@ -4,7 +4,6 @@
 #include "widgetoutlets.h"
 
 #include <QWidget>
-#include <memory>
 
 class QComboBox;
 class QLabel;
@@ -14,11 +13,12 @@ class TCPViewController;
 
 // The popover's TCP terminal page: the clickable "TCP" title, the vendor popup, the
 // terminal's IP address (stored on Enter when it is a valid address), the connection test
-// and the state of the two answer listeners. Loading the page starts the listeners.
+// and the state of the two answer listeners. The page shows the service's TCP channel and
+// stays attached to it while it lives; loading the page starts the listeners.
 class TcpPage : public QWidget {
     Q_OBJECT
 public:
-    explicit TcpPage(QWidget *parent = nullptr);
+    explicit TcpPage(TCPViewController &controller, QWidget *parent = nullptr);
     ~TcpPage() override;
 
     // The page is loaded (listeners started) by load(), and shown by appear(); the shell
@@ -26,7 +26,7 @@ public:
     void load();
     void appear();
 
-    TCPViewController &controller() { return *viewController; }
+    TCPViewController &controller() { return viewController; }
     ClickableLabel *titleLabel() const { return title; }
     QComboBox *devicePopup() const { return popup; }
     QLineEdit *ipField() const { return ip; }
@@ -49,5 +49,5 @@ private:
     LabelOutlet kiccOutlet;
     LabelOutlet kisOutlet;
     LabelOutlet smartroOutlet;
-    std::unique_ptr<TCPViewController> viewController;
+    TCPViewController &viewController;
 };

@@ -1,6 +1,5 @@
 #include "usbpage.h"
 
-#include "terminal_serial/serialportmanager.h"
 #include "terminal_serial/usbviewcontroller.h"
 
 #include <QComboBox>
@@ -10,20 +9,18 @@
 #include <QShowEvent>
 #include <QVBoxLayout>
 
-UsbPage::UsbPage(QWidget *parent) : UsbPage(SerialPortManager::sharedSerialPortManager(), parent) {}
-
-UsbPage::UsbPage(SerialPortManager &manager, QWidget *parent)
+UsbPage::UsbPage(USBViewController &controller, QWidget *parent)
     : QWidget(parent), frame(new QFrame(this)), title(new ClickableLabel(QStringLiteral("USB"), this)),
       portBox(new QComboBox(frame)), baudBox(new QComboBox(frame)), deviceTypeBox(new QComboBox(frame)),
       testButton(new QPushButton(QStringLiteral("연결 테스트"), frame)), titleOutlet(title),
       portOutlet(portBox), baudOutlet(baudBox), deviceTypeOutlet(deviceTypeBox), testButtonOutlet(testButton),
-      viewController(std::make_unique<USBViewController>(manager)) {
+      viewController(controller) {
     title->setAlignment(Qt::AlignCenter);
     title->setMargin(4);
     frame->setFrameShape(QFrame::StyledPanel);
     // The model popup's items are the controller's models in its order: the stored
     // model is selected by its position.
-    deviceTypeBox->addItems(viewController->availableDeviceType);
+    deviceTypeBox->addItems(viewController.availableDeviceType);
 
     auto *form = new QFormLayout(frame);
     form->addRow(QStringLiteral("포트"), portBox);
@@ -34,7 +31,7 @@ UsbPage::UsbPage(SerialPortManager &manager, QWidget *parent)
     layout->addWidget(title);
     layout->addWidget(frame);
 
-    USBViewController &c = *viewController;
+    USBViewController &c = viewController;
     c.portPopupButton = &portOutlet;
     c.baudPopupButton = &baudOutlet;
     c.titleLabel = &titleOutlet;
@@ -57,10 +54,19 @@ UsbPage::UsbPage(SerialPortManager &manager, QWidget *parent)
     c.viewDidLoad();
 }
 
-UsbPage::~UsbPage() = default;
+UsbPage::~UsbPage() {
+    // The channel goes on without the page: nothing may write to its widgets any more.
+    USBViewController &c = viewController;
+    c.portPopupButton = nullptr;
+    c.baudPopupButton = nullptr;
+    c.titleLabel = nullptr;
+    c.container = nullptr;
+    c.connectionTestButton = nullptr;
+    c.deviceTypePopupButton = nullptr;
+}
 
 void UsbPage::showEvent(QShowEvent *event) {
     QWidget::showEvent(event);
     if (!event->spontaneous())
-        viewController->viewDidAppear();
+        viewController.viewDidAppear();
 }

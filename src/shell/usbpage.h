@@ -3,25 +3,23 @@
 #include "widgetoutlets.h"
 
 #include <QWidget>
-#include <memory>
 
 class QComboBox;
 class QFrame;
 class QPushButton;
-class SerialPortManager;
 class USBViewController;
 
 // The popover's USB section: a clickable "USB" title that makes the serial terminal the
 // active one, the port, baud rate and terminal model popups, and the test print button.
-// Loading the page opens the stored port, if one is stored and plugged in.
+// The page shows the service's USB channel and stays attached to it while it lives;
+// creating the page opens the stored port, if one is stored and plugged in.
 class UsbPage : public QWidget {
     Q_OBJECT
 public:
-    explicit UsbPage(QWidget *parent = nullptr);
-    explicit UsbPage(SerialPortManager &manager, QWidget *parent = nullptr);
+    explicit UsbPage(USBViewController &controller, QWidget *parent = nullptr);
     ~UsbPage() override;
 
-    USBViewController &controller() { return *viewController; }
+    USBViewController &controller() { return viewController; }
     ClickableLabel *titleLabel() const { return title; }
     QComboBox *portPopupButton() const { return portBox; }
     QComboBox *baudPopupButton() const { return baudBox; }
@@ -43,5 +41,5 @@ private:
     ComboBoxOutlet baudOutlet;
     ComboBoxOutlet deviceTypeOutlet;
     ButtonOutlet testButtonOutlet;
-    std::unique_ptr<USBViewController> viewController;
+    USBViewController &viewController;
 };

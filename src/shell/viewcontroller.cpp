@@ -45,7 +45,7 @@ void ensureShellResources() {
     Q_UNUSED(registered);
 }
 
-ViewController *ViewController::freshController(const QString &storyboard) {
+ViewController *ViewController::freshController(Service &service, const QString &storyboard) {
     ensureShellResources();
     QFile file(storyboard);
     const QJsonArray scenes = file.open(QIODevice::ReadOnly)
@@ -60,12 +60,13 @@ ViewController *ViewController::freshController(const QString &storyboard) {
         QStringList embeds;
         for (const QJsonValue &page : object.value("embeds").toArray())
             embeds << page.toString();
-        return new ViewController(embeds);
+        return new ViewController(service, embeds);
     }
     fatalStop(QStringLiteral("Why cant i find ViewController? - Check Main.storyboard"));
 }
 
-ViewController::ViewController(QStringList embeds) : embeds(std::move(embeds)) {
+ViewController::ViewController(Service &service, QStringList embeds)
+    : service(service), embeds(std::move(embeds)) {
     setObjectName(sceneIdentifier);
 }
 
@@ -76,15 +77,15 @@ void ViewController::loadViewIfNeeded() {
     auto *layout = new QVBoxLayout(this);
     for (const QString &page : embeds) {
         if (page == QLatin1String("WebSocketViewController")) {
-            gateway = new GatewayPage(this);
+            gateway = new GatewayPage(service.gateway(), this);
             layout->addWidget(gateway);
         } else if (page == QLatin1String("TCPViewController")) {
-            tcp = new TcpPage(this);
+            tcp = new TcpPage(service.tcp(), this);
             layout->addWidget(separator(this));
             layout->addWidget(tcp);
             tcp->load();
         } else if (page == QLatin1String("USBViewController")) {
-            usb = new UsbPage(this);
+            usb = new UsbPage(service.usb(), this);
             layout->addWidget(separator(this));
             layout->addWidget(usb);
         }

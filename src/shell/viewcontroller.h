@@ -7,13 +7,15 @@
 void ensureShellResources();
 
 class GatewayPage;
+class Service;
 class TcpPage;
 class UsbPage;
 class QPushButton;
 
 // The popover's main page: the gateway page, the TCP page and the USB page, one under the
 // other, with the close and exit buttons. Its scene and the pages it embeds come from the
-// "Main" storyboard resource.
+// "Main" storyboard resource. The pages show the service's gateway and channels: the
+// service owns them, the pages only draw them and pass the owner's choices on.
 class ViewController : public QWidget {
     Q_OBJECT
 public:
@@ -26,7 +28,7 @@ public:
 
     // The "ViewController" scene of the storyboard; a storyboard without it stops the
     // service, as the page could not be shown at all.
-    static ViewController *freshController(const QString &storyboard = defaultStoryboard);
+    static ViewController *freshController(Service &service, const QString &storyboard = defaultStoryboard);
 
     // Creates the embedded pages once; creating them is what starts their servers.
     void loadViewIfNeeded();
@@ -54,10 +56,11 @@ signals:
     void closeRequested();
 
 private:
-    explicit ViewController(QStringList embeds);
+    ViewController(Service &service, QStringList embeds);
     // The gateway hands terminal requests to the two channels and takes their answers.
     void connectPages();
 
+    Service &service;
     QStringList embeds;
     bool loaded = false;
     GatewayPage *gateway = nullptr;

@@ -84,7 +84,8 @@ private slots:
         QVERIFY(linkA.plug(a));
         QVERIFY(linkB.plug(b));
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
-        UsbPage page(manager);
+        USBViewController usb(manager);
+        UsbPage page(usb);
         watch(page);
         QCOMPARE(page.titleLabel()->text(), QStringLiteral("USB"));
         QCOMPARE(items(page.portPopupButton()), (QStringList{linkA.path(), linkB.path()}));
@@ -99,7 +100,8 @@ private slots:
 
     void clickingTheTitleSelectsUsb() {
         SerialPortManager manager(envOnly({}));
-        UsbPage page(manager);
+        USBViewController usb(manager);
+        UsbPage page(usb);
         watch(page);
         QTest::mouseClick(page.titleLabel(), Qt::RightButton);
         QCOMPARE(tcpControl, 0);
@@ -114,7 +116,8 @@ private slots:
 
     void tcpTakingOverGreysItOut() {
         SerialPortManager manager(envOnly({}));
-        UsbPage page(manager);
+        USBViewController usb(manager);
+        UsbPage page(usb);
         watch(page);
         QTest::mouseClick(page.titleLabel(), Qt::LeftButton);
         page.controller().otherInterfaceChosen();
@@ -124,7 +127,8 @@ private slots:
     void showingThePageWhileUsbIsActiveSelectsItAgain() {
         UserDefaults::standard().setValue("MAIN_INTERFACE", "USB");
         SerialPortManager manager(envOnly({}));
-        UsbPage page(manager);
+        USBViewController usb(manager);
+        UsbPage page(usb);
         watch(page);
         QCOMPARE(tcpControl, 0); // loading is not showing
         page.show();
@@ -141,7 +145,8 @@ private slots:
         QVERIFY(linkA.plug(a));
         QVERIFY(linkB.plug(b));
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
-        UsbPage page(manager);
+        USBViewController usb(manager);
+        UsbPage page(usb);
         watch(page);
         QTest::mouseClick(page.titleLabel(), Qt::LeftButton);
 
@@ -166,7 +171,8 @@ private slots:
         QVERIFY(linkB.plug(b));
         SerialPortManager manager(envOnly({linkA.path(), linkB.path()}));
         UserDefaults::standard().setValue("USB_PORT", linkB.path());
-        UsbPage page(manager);
+        USBViewController usb(manager);
+        UsbPage page(usb);
         watch(page);
         QCOMPARE(page.portPopupButton()->currentText(), linkB.path());
         QVERIFY(linkA.plug(a)); // appears in front of the chosen one
