@@ -97,41 +97,41 @@ std::unique_ptr<QSettings> open() {
     return settings;
 }
 
-// What identifies one version of the settings file: every write (ours go through a new file
-// renamed into place; an editor's may rewrite it in place) changes the inode or the change
-// time, which no program can set back.
-struct FileVersion {
-    bool exists = false;
-    ino_t inode = 0;
-    off_t size = 0;
-    timespec modified{};
-    timespec changed{};
-
-    static FileVersion of(const QByteArray &path) {
-        struct stat info {};
-        FileVersion version;
-        if (::stat(path.constData(), &info) != 0)
-            return version;
-        version.exists = true;
-        version.inode = info.st_ino;
-        version.size = info.st_size;
-        version.modified = info.st_mtim;
-        version.changed = info.st_ctim;
-        return version;
-    }
-    bool operator==(const FileVersion &other) const {
-        return exists == other.exists && inode == other.inode && size == other.size &&
-               modified.tv_sec == other.modified.tv_sec && modified.tv_nsec == other.modified.tv_nsec &&
-               changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
-    }
-};
-
 } // namespace
 
 // Every request reads a few settings; parsing the file each time cost about 30 us a read.
 // The values are kept and used again for as long as the file is the same version of it:
 // a stat() per read still sees a change made by any other process at once.
 struct UserDefaults::Cache {
+    // What identifies one version of the settings file: every write (ours go through a new file
+    // renamed into place; an editor's may rewrite it in place) changes the inode or the change
+    // time, which no program can set back.
+    struct FileVersion {
+        bool exists = false;
+        ino_t inode = 0;
+        off_t size = 0;
+        timespec modified{};
+        timespec changed{};
+
+        static FileVersion of(const QByteArray &path) {
+            struct stat info {};
+            FileVersion version;
+            if (::stat(path.constData(), &info) != 0)
+                return version;
+            version.exists = true;
+            version.inode = info.st_ino;
+            version.size = info.st_size;
+            version.modified = info.st_mtim;
+            version.changed = info.st_ctim;
+            return version;
+        }
+        bool operator==(const FileVersion &other) const {
+            return exists == other.exists && inode == other.inode && size == other.size &&
+                   modified.tv_sec == other.modified.tv_sec && modified.tv_nsec == other.modified.tv_nsec &&
+                   changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
+        }
+    };
+
     QMutex mutex;
     QByteArray path;
     bool loaded = false;
@@ -151,7 +151,7 @@ QVariantMap UserDefaults::snapshot() const {
     QMutexLocker lock(&cache->mutex);
     if (cache->path.isEmpty())
         cache->path = QFile::encodeName(open()->fileName());
-    const FileVersion now = FileVersion::of(cache->path);
+    const Cache::FileVersion now = Cache::FileVersion::of(cache->path);
     if (!cache->loaded || !(now == cache->version)) {
         const auto settings = open();
         QVariantMap values;

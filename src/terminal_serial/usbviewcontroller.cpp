@@ -8,10 +8,6 @@
 
 namespace {
 
-const QString &usbPortKey = SettingKey::usbPort;
-const QString &baudRateKey = SettingKey::baudRate;
-const QString &deviceTypeKey = SettingKey::serialDeviceType;
-const QString &mainInterfaceKey = SettingKey::mainInterface;
 constexpr int defaultBaudRate = 9600;
 
 std::optional<QString> storedText(const QString &key) {
@@ -50,9 +46,9 @@ void USBViewController::viewDidLoad() {
     connect(&serialPortManager, &SerialPortManager::serialPortsWereDisconnected, this,
             &USBViewController::serialPortsWereDisconnected);
 
-    const std::optional<QString> deviceType = storedText(deviceTypeKey);
+    const std::optional<QString> deviceType = storedText(SettingKey::serialDeviceType);
     if (!deviceType) {
-        UserDefaults::standard().setValue(deviceTypeKey, availableDeviceType.first());
+        UserDefaults::standard().setValue(SettingKey::serialDeviceType, availableDeviceType.first());
     } else {
         const qsizetype index = availableDeviceType.indexOf(*deviceType);
         if (index >= 0 && deviceTypePopupButton)
@@ -61,7 +57,7 @@ void USBViewController::viewDidLoad() {
 }
 
 void USBViewController::viewDidAppear() {
-    if (storedText(mainInterfaceKey) == QLatin1String("USB")) {
+    if (storedText(SettingKey::mainInterface) == QLatin1String("USB")) {
         showSelected();
         selectUsb();
     }
@@ -79,7 +75,7 @@ void USBViewController::loadPortList() {
 
     // The stored port is opened whenever it is listed: at start, and every time the list
     // changes, which is what brings a replugged terminal back by itself.
-    const std::optional<QString> stored = storedText(usbPortKey);
+    const std::optional<QString> stored = storedText(SettingKey::usbPort);
     if (!stored)
         return;
     const qsizetype index = names.indexOf(*stored);
@@ -101,10 +97,10 @@ void USBViewController::loadBaudList() {
         baudPopupButton->removeAllItems();
         baudPopupButton->addItemsWithTitles(availableBaudRates);
     }
-    const std::optional<QString> stored = storedText(baudRateKey);
+    const std::optional<QString> stored = storedText(SettingKey::baudRate);
     if (!stored) {
         // Nothing is selected or set: the line keeps its default rate, which is this one.
-        UserDefaults::standard().setValue(baudRateKey, defaultBaudRate);
+        UserDefaults::standard().setValue(SettingKey::baudRate, defaultBaudRate);
         return;
     }
     const qsizetype index = availableBaudRates.indexOf(*stored);
@@ -129,14 +125,14 @@ void USBViewController::portChanged() {
     if (index < 0 || index >= ports.size())
         fatalStop(QStringLiteral("the chosen serial port is no longer in the list"));
     setSerialPort(ports.at(index));
-    UserDefaults::standard().setValue(usbPortKey, port->description());
+    UserDefaults::standard().setValue(SettingKey::usbPort, port->description());
     port->open();
     port->setBaudRate(baudFromTitle(baudPopupButton ? baudPopupButton->titleOfSelectedItem() : QString()));
 }
 
 void USBViewController::baudrateChanged() {
     const QString title = baudPopupButton ? baudPopupButton->titleOfSelectedItem() : QString();
-    UserDefaults::standard().setValue(baudRateKey, title);
+    UserDefaults::standard().setValue(SettingKey::baudRate, title);
     // The open port takes the new rate as it is, without being reopened.
     if (port)
         port->setBaudRate(baudFromTitle(title));
@@ -144,8 +140,9 @@ void USBViewController::baudrateChanged() {
 
 void USBViewController::deviceTypeChanged() {
     // Read again for every answer, so the next one is cut the new model's way.
-    UserDefaults::standard().setValue(
-        deviceTypeKey, deviceTypePopupButton ? deviceTypePopupButton->titleOfSelectedItem() : QString());
+    UserDefaults::standard().setValue(SettingKey::serialDeviceType,
+                                      deviceTypePopupButton ? deviceTypePopupButton->titleOfSelectedItem()
+                                                            : QString());
 }
 
 void USBViewController::titleLabelClickedWithSender() {
@@ -154,7 +151,7 @@ void USBViewController::titleLabelClickedWithSender() {
 }
 
 void USBViewController::selectUsb() {
-    UserDefaults::standard().setValue(mainInterfaceKey, QStringLiteral("USB"));
+    UserDefaults::standard().setValue(SettingKey::mainInterface, QStringLiteral("USB"));
     // The TCP page steps back. Said every time, also when USB was already the one.
     emit interfaceChosen();
     setControlsEnabled(true);
