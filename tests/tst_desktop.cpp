@@ -207,20 +207,40 @@ public:
     }
 
     // The service's icon: a window of the service's class that the tray panel has taken in.
+    // The one on show when there are several (an icon window the panel let go of can linger
+    // unmapped in its tree), and the first otherwise.
     Window trayIcon() const {
         static const QRegularExpression iconLine(
             QStringLiteral(R"(^\s*(0x[0-9a-fA-F]+) .*\("teranocounter" "teranocounter"\))"),
             QRegularExpression::MultilineOption);
+        Window first;
         for (const WindowId panel : search({QStringLiteral("--class"), QStringLiteral("^trayer$")})) {
             QByteArray tree;
             if (!run(QStringLiteral("xwininfo"),
                      {QStringLiteral("-tree"), QStringLiteral("-id"), QString::number(panel)}, &tree))
                 continue;
-            const QRegularExpressionMatch match = iconLine.match(QString::fromUtf8(tree));
-            if (match.hasMatch())
-                return window(match.captured(1).toULongLong(nullptr, 16));
+            QRegularExpressionMatchIterator matches = iconLine.globalMatch(QString::fromUtf8(tree));
+            while (matches.hasNext()) {
+                const Window icon = window(matches.next().captured(1).toULongLong(nullptr, 16));
+                if (icon.viewable)
+                    return icon;
+                if (!first.exists())
+                    first = icon;
+            }
         }
-        return {};
+        return first;
+    }
+
+    // The tray panel's windows as xwininfo lists them, for a failure's message.
+    QString trayTree() const {
+        QString all;
+        for (const WindowId panel : search({QStringLiteral("--class"), QStringLiteral("^trayer$")})) {
+            QByteArray tree;
+            run(QStringLiteral("xwininfo"),
+                {QStringLiteral("-tree"), QStringLiteral("-id"), QString::number(panel)}, &tree);
+            all += QString::fromUtf8(tree);
+        }
+        return all;
     }
 
     bool click(const QPoint &point) const {
@@ -358,10 +378,20 @@ class DesktopTest : public QObject {
         return waitUntil([&] { return desktop.activeWindow() == id; }, uiTimeoutMs);
     }
 
-    // A click on the tray icon, as the shop owner opens or closes the popover.
+    // A click on the tray icon, as the shop owner opens or closes the popover. On a busy
+    // machine the panel and xwininfo can take a while to show it: a click waits for it.
     bool clickIcon() {
-        const Window icon = desktop.trayIcon();
-        return icon.viewable && desktop.click(icon.geometry.center());
+        Window icon;
+        if (!waitUntil(
+                [&] {
+                    icon = desktop.trayIcon();
+                    return icon.viewable;
+                },
+                uiTimeoutMs)) {
+            qWarning("no tray icon on show; the panel's windows:\n%s", qPrintable(desktop.trayTree()));
+            return false;
+        }
+        return desktop.click(icon.geometry.center());
     }
 
     // Opens the popover from the icon and waits until it has the keyboard focus.
