@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs every test: the normal build, then the same
-# fuzzers, then the same tests in an AddressSanitizer + UndefinedBehaviorSanitizer build.
+# Installs what is needed, builds, and runs every test: the normal build, the fuzzers, then the
+# same tests in an AddressSanitizer + UndefinedBehaviorSanitizer build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# Each step says when it began, so a slow CI run shows which step grew.
+phase() { echo "== $1 (at ${SECONDS} s)"; }
 bash scripts/install-deps.sh --test
 
 # The system tests start the real service on its fixed ports; a quick-start instance
@@ -20,25 +22,48 @@ fi
 # obstacle; ctest starts the longest first. TEST_JOBS overrides.
 jobs="${TEST_JOBS:-$(($(nproc) * 3))}"
 
-echo "== build"
+phase "build"
 bash scripts/build.sh build
-echo "== tests"
-(cd build && ctest --output-on-failure -j "$jobs")
 
-for fuzz in tests/*/fuzz/run-fuzz.sh; do
-    [[ -f $fuzz ]] || continue
-    echo "== fuzz: $fuzz"
-    bash "$fuzz" build
-done
-
-echo "== build with AddressSanitizer and UndefinedBehaviorSanitizer"
+# While the normal build's tests run, the sanitized tree builds beside them. The tests spend
+# most of their time waiting on the clock and on their devices; the build gets only the
+# processor time they leave (SCHED_IDLE, and nice for good measure), so a test that wakes runs
+# at once. Its output goes to a log, shown if it fails.
+asan_log=build/sanitized-build.log
+phase "tests, with the sanitized build at idle priority beside them (its log: $asan_log)"
 # -O1 -g1: what the sanitizers want, and it builds in little more than half the time.
-bash scripts/build.sh build-asan -DTERANO_SANITIZE=ON -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1"
-echo "== tests with sanitizers"
+setsid chrt --idle 0 nice -n 19 bash scripts/build.sh build-asan -DTERANO_SANITIZE=ON \
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" >"$asan_log" 2>&1 &
+asan_build=$!
+if ! (cd build && ctest --output-on-failure -j "$jobs"); then
+    kill -- -"$asan_build" 2>/dev/null || true
+    exit 1
+fi
+phase "waiting for the sanitized build"
+if ! wait "$asan_build"; then
+    cat "$asan_log"
+    echo "the sanitized build failed" >&2
+    exit 1
+fi
+tail -n 1 "$asan_log"
+
+# Each fuzzer builds and runs on one processor: as many at once as there are processors, each
+# for its full time. A fuzzer's output is shown whole when it fails, its closing stats otherwise.
+phase "fuzz"
+# shellcheck disable=SC2016
+printf '%s\n' tests/*/fuzz/run-fuzz.sh | xargs -P "$(nproc)" -I{} bash -c '
+    log="build/fuzz-$(basename "$(dirname "$(dirname "$1")")").log"
+    if bash "$1" build >"$log" 2>&1; then
+        echo "-- $1 passed: $(grep "^Done " "$log")"
+    else
+        echo "-- $1 FAILED"; cat "$log"; exit 1
+    fi' _ {}
+
+phase "tests with sanitizers"
 export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 # A sanitized process is several times slower and larger: as many at once as there are
 # processors. Three times that many on two processors made waits for a held answer and for a
 # serial unplug run out.
 (cd build-asan && ctest --output-on-failure -j "${TEST_JOBS:-$(nproc)}")
-
+phase "all passed"
