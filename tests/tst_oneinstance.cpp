@@ -38,6 +38,23 @@ private slots:
         QCOMPARE(service.stdoutLines(), QStringList());
     }
 
+    // Killed inside a settings write (SIGKILL, a power cut), a service can leave an empty lock
+    // file beside its settings. The one started after it must serve at once, not take
+    // connections and answer none until the lock is 30 s old.
+    void launchAfterAServiceKilledInsideASettingsWriteServesAtOnce() {
+        ServiceProcess service;
+        QVERIFY(QDir().mkpath(QFileInfo(service.settingsFile()).absolutePath()));
+        QFile emptyLock(service.settingsFile() + QStringLiteral(".lock"));
+        QVERIFY(emptyLock.open(QIODevice::WriteOnly));
+        emptyLock.close();
+        QVERIFY(service.start());
+        PosClient pos;
+        QVERIFY(pos.open(ServiceProcess::gatewayPort));
+        pos.send(R"({"requesttype":"print","data":[]})");
+        QVERIFY(service.waitForStdoutLine(ServiceProcess::recvFired, 3000));
+        QCOMPARE(service.stdoutLines(), QStringList{ServiceProcess::recvFired});
+    }
+
     void servicesWithTheirOwnSettingsDoNotMeet() {
         ServiceProcess first;
         QVERIFY(first.start());

@@ -1,10 +1,12 @@
 #include "common/userdefaults.h"
+#include "forked.h"
 #include "processusage.h"
 
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QLockFile>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -49,6 +51,48 @@ private slots:
                  std::optional<QString>(QStringLiteral("USB")));
         QCOMPARE(UserDefaults::standard().string(QStringLiteral("BAUD_RATE")),
                  std::optional<QString>(QStringLiteral("9600")));
+    }
+
+    // A writer killed between creating the lock file and writing its process id into it
+    // leaves an empty lock. Qt would wait for it to be 30 s old before taking it; the write
+    // must not wait at all. 10 s is far from both.
+    void emptyLockLeftByAKilledWriterDoesNotHoldUpTheNextWrite() {
+        const QString lock = UserDefaults::standard().fileName() + QStringLiteral(".lock");
+        QFile empty(lock);
+        QVERIFY(empty.open(QIODevice::WriteOnly));
+        empty.close();
+        QElapsedTimer clock;
+        clock.start();
+        UserDefaults::standard().setValue(QStringLiteral("TCP_IP"), QStringLiteral("10.1.2.3"));
+        QVERIFY2(clock.elapsed() < 10000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(UserDefaults::standard().string(QStringLiteral("TCP_IP")),
+                 std::optional<QString>(QStringLiteral("10.1.2.3")));
+        QVERIFY(!QFile::exists(lock));
+    }
+
+    // Qt removes a lock whose owner has ended, under a second lock (".rmlock"); a writer killed
+    // inside that removal leaves that one empty, and the next write would wait 30 s for it.
+    void emptyRemovalLockBesideADeadOwnersLockDoesNotHoldUpTheNextWrite() {
+        const QString lock = UserDefaults::standard().fileName() + QStringLiteral(".lock");
+        const ChildOutcome child = runInChild([&] {
+            QLockFile held(lock);
+            if (held.tryLock(0))
+                _exit(0); // ends holding it: the lock names a process that is gone
+            _exit(1);
+        });
+        QVERIFY(child.exitedNormally);
+        QCOMPARE(child.exitCode, 0);
+        QVERIFY(QFileInfo(lock).size() > 0);
+        QFile emptyRemovalLock(lock + QStringLiteral(".rmlock"));
+        QVERIFY(emptyRemovalLock.open(QIODevice::WriteOnly));
+        emptyRemovalLock.close();
+        QElapsedTimer clock;
+        clock.start();
+        UserDefaults::standard().setValue(QStringLiteral("TCP_IP"), QStringLiteral("10.1.2.4"));
+        QVERIFY2(clock.elapsed() < 10000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(UserDefaults::standard().string(QStringLiteral("TCP_IP")),
+                 std::optional<QString>(QStringLiteral("10.1.2.4")));
+        QVERIFY(!QFile::exists(lock));
     }
 
     void removeForgetsTheKey() {

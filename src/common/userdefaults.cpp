@@ -5,16 +5,21 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QMutexLocker>
 #include <QSettings>
+#include <QThread>
 #include <cerrno>
+#include <ctime>
 #include <memory>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
+// A read takes no lock: only a write does.
 std::unique_ptr<QSettings> openAsIs() {
     auto settings =
         std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
@@ -40,6 +45,36 @@ void makePrivate(const QString &file) {
     };
     restrict(folder, 0700);
     restrict(QFile::encodeName(file), 0600);
+}
+
+// A write takes a lock file beside the settings, and Qt writes the owner's process id into it
+// right after creating it. A writer killed between the two (SIGKILL, a power cut) leaves the
+// lock empty; Qt cannot tell whose it is and waits until it is 30 s old, so a restarted
+// service would take connections and answer none for that long. The same goes for the
+// ".rmlock" Qt takes while it removes the lock of an owner that has ended. A live writer fills
+// its lock within microseconds: one still empty a quarter of a second after it was made is a
+// leftover, and is removed. The wait is bounded and happens only when such a file is there.
+void removeOwnerlessLocks(const QString &file) {
+    constexpr qint64 leftoverAfterMs = 250;
+    for (const QString &name : {file + QStringLiteral(".lock"), file + QStringLiteral(".lock.rmlock")}) {
+        const QByteArray path = QFile::encodeName(name);
+        QElapsedTimer waited;
+        waited.start();
+        for (;;) {
+            struct stat info {};
+            if (::lstat(path.constData(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size != 0)
+                break;
+            timespec now{};
+            ::clock_gettime(CLOCK_REALTIME, &now);
+            const qint64 ageMs =
+                (now.tv_sec - info.st_mtim.tv_sec) * 1000 + (now.tv_nsec - info.st_mtim.tv_nsec) / 1000000;
+            if (ageMs >= leftoverAfterMs || waited.elapsed() >= leftoverAfterMs) {
+                ::unlink(path.constData());
+                break;
+            }
+            QThread::msleep(5);
+        }
+    }
 }
 
 // Whether the file holds settings as an INI file does: UTF-8 text of section headers,
@@ -90,6 +125,7 @@ std::unique_ptr<QSettings> open() {
     QMutexLocker lock(&checking);
     auto settings = openAsIs();
     makePrivate(settings->fileName());
+    removeOwnerlessLocks(settings->fileName());
     if (!readableAsSettings(settings->fileName())) {
         setAsideUnreadable(settings->fileName());
         settings = openAsIs();
