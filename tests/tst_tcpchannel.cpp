@@ -9,6 +9,7 @@
 #include "forked.h"
 #include "recordingoutlets.h"
 #include "stdoutcapture.h"
+#include "terminal_tcp/tcpclient.h"
 #include "terminal_tcp/tcpviewcontroller.h"
 #include "terminal_tcp/terminallistener.h"
 #include "wait.h"
@@ -95,6 +96,18 @@ class TcpChannelTest : public QObject {
                                 smartro->connections().size());
     }
 
+    // Every exchange with a terminal has ended: its connection is closed and none of its
+    // callbacks will run again, so what it printed and answered is all there will be. An
+    // exchange belongs to the application until it deletes itself.
+    static bool exchangesEnd(int timeoutMs = 3000) {
+        return waitUntil(
+            [] {
+                QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+                return QCoreApplication::instance()->findChildren<TcpClient *>().isEmpty();
+            },
+            timeoutMs);
+    }
+
     // The lines the channel printed, without the dispatcher's line for each request.
     QStringList channelLines() const {
         QStringList lines = capture->lines();
@@ -109,7 +122,7 @@ class TcpChannelTest : public QObject {
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, timeoutMs));
         QCOMPARE(answers.first(), answer(text, "KIS7430"));
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 2000));
-        keepRunningFor(100);
+        QVERIFY(exchangesEnd());
         QCOMPARE(answers.size(), 1);
         QCOMPARE(channelLines(), QStringList());
     }
@@ -161,7 +174,7 @@ private slots:
         kis.reset();
         smartro.reset();
         // Exchanges still waiting see their terminal go, and finish within this test.
-        keepRunningFor(100);
+        QVERIFY(exchangesEnd());
         capture.reset();
     }
 
@@ -308,7 +321,7 @@ private slots:
         kis.reset(); // nothing listens there any more
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return channelLines().size() == 1; }, 3000));
-        keepRunningFor(300);
+        QVERIFY(exchangesEnd());
         QCOMPARE(channelLines().size(), 1);
         QVERIFY2(channelLines().first().contains(QStringLiteral("127.0.0.1:%1").arg(port)),
                  qPrintable(channelLines().first()));
@@ -341,7 +354,7 @@ private slots:
         QVERIFY(waitUntil([&] { return kicc->closedCount() == 1; }, 3000));
         const auto &c = kicc->connections().first();
         QVERIFY2(c.closedAtMs - c.replySentAtMs.first() < 500, qPrintable(QString::number(c.closedAtMs)));
-        keepRunningFor(300);
+        QVERIFY(exchangesEnd());
         QCOMPARE(answers.size(), 0);
         QCOMPARE(channelLines(), QStringList());
     }
@@ -518,7 +531,7 @@ private slots:
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
         const auto &c = kis->connections().first();
         QVERIFY(c.closedAtMs - c.replySentAtMs.first() < 250);
-        keepRunningFor(500);
+        QVERIFY(exchangesEnd());
         QCOMPARE(answers.size(), 0);
     }
 
@@ -535,7 +548,7 @@ private slots:
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
         QVERIFY(kis->connections().first().closedAtMs - kis->connections().first().replySentAtMs.first() <
                 250);
-        keepRunningFor(500);
+        QVERIFY(exchangesEnd());
         QCOMPARE(answers.size(), 0);
     }
 
@@ -582,7 +595,7 @@ private slots:
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
-        keepRunningFor(300);
+        QVERIFY(exchangesEnd());
         QCOMPARE(answers.size(), 0);
         QCOMPARE(channelLines(), QStringList());
     }
@@ -617,7 +630,7 @@ private slots:
         load();
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
-        keepRunningFor(300);
+        QVERIFY(exchangesEnd());
         QCOMPARE(answers.size(), 0);
         QCOMPARE(channelLines(), QStringList());
     }
