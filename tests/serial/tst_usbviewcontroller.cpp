@@ -141,6 +141,14 @@ class UsbViewControllerTest : public QObject {
         QCOMPARE(outcome.standardError, QByteArray());
     }
 
+    // Shows that nothing more went on the line after `expected`, without waiting for a time: a
+    // print of "PROBE" goes out behind it on the same line and must follow it at once.
+    void nothingFollows(devsim::PseudoTerminal &terminal, const QByteArray &expected) {
+        post(request("print", "PROBE"));
+        QVERIFY(terminal.waitForReceived(expected.size() + 5, 2000));
+        QCOMPARE(terminal.received(), expected + "PROBE");
+    }
+
 private slots:
     void initTestCase() { qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path())); }
 
@@ -392,8 +400,7 @@ private slots:
         post(request("print", QStringLiteral("영수증 테스트\n").toUtf8()));
         const QByteArray expected = QByteArray::fromHex("bfb5bcf6c1f520c5d7bdbac6ae0a");
         QVERIFY(terminal.waitForReceived(expected.size(), 2000));
-        keepRunningFor(100);
-        QCOMPARE(terminal.received(), expected);
+        nothingFollows(terminal, expected);
     }
 
     void otherRequestTypesWriteTheDataUnchanged_data() {
@@ -415,8 +422,7 @@ private slots:
         c->viewDidLoad();
         post(request(requestType, allByteValues()));
         QVERIFY(terminal.waitForReceived(256, 2000));
-        keepRunningFor(100);
-        QCOMPARE(terminal.received(), allByteValues());
+        nothingFollows(terminal, allByteValues());
     }
 
     void emptyDataWritesNothing() {
@@ -461,8 +467,7 @@ private slots:
             *cp949::encode(QStringLiteral("韓子韓子韓子韓子 문자\n\n\n")) + "\x1b\x69\x0a";
         QCOMPARE(expected.toHex(), QByteArray("f9dbedadf9dbedadf9dbedadf9dbedad20b9aec0da0a0a0a1b690a"));
         QVERIFY(terminal.waitForReceived(expected.size(), 2000));
-        keepRunningFor(100);
-        QCOMPARE(terminal.received(), expected);
+        nothingFollows(terminal, expected);
     }
 
     // ---- answers from the terminal
@@ -502,8 +507,11 @@ private slots:
         terminal.write(answer.mid(8));
         QVERIFY(waitUntil([&] { return responses.size() == 1; }, 2000));
         QCOMPARE(responses[0].text, QStringLiteral("ABC"));
-        keepRunningFor(100);
-        QCOMPARE(responses.size(), 1);
+        // A second answer behind it is given next: nothing came of the first one in between.
+        terminal.write(ts132n("PROBE"));
+        QVERIFY(waitUntil([&] { return responses.size() >= 2; }, 2000));
+        QCOMPARE(responses.size(), 2);
+        QCOMPARE(responses[1].text, QStringLiteral("PROBE"));
     }
 
     void etxAndCheckByteInSeparateChunks() {
