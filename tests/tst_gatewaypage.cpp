@@ -176,6 +176,23 @@ private slots:
         QVERIFY(rawHandshake(port, "/", "Origin: http://ad.example\r\n").startsWith("HTTP/1.1 101"));
     }
 
+    // The protections shown follow a write made while the popover is open, without showing
+    // it again: pinning the POS turns the origin protection on, clearing turns it off.
+    void protectionsFollowThePinAndClearButtons() {
+        UserDefaults::standard().remove("WEBSOCKET_PIN_FIRST_ORIGIN");
+        page->appear();
+        QVERIFY(page->protectionsLabel()->text().contains("WEBSOCKET_ALLOWED_ORIGINS"));
+        QWebSocket pos(posOrigin);
+        QVERIFY(connectPos(pos));
+        QVERIFY(waitUntil([&] { return page->pinOriginButton()->isEnabled(); }, 3000));
+        QTest::mouseClick(page->pinOriginButton(), Qt::LeftButton);
+        QVERIFY2(!page->protectionsLabel()->text().contains("WEBSOCKET_ALLOWED_ORIGINS"),
+                 qPrintable(page->protectionsLabel()->text()));
+        QTest::mouseClick(page->clearOriginsButton(), Qt::LeftButton);
+        QVERIFY2(page->protectionsLabel()->text().contains("WEBSOCKET_ALLOWED_ORIGINS"),
+                 qPrintable(page->protectionsLabel()->text()));
+    }
+
     void pinningClosesTheOtherSitesPagesAlreadyIn() {
         QWebSocket ad(QStringLiteral("http://ad.example"));
         QVERIFY(connectPos(ad));

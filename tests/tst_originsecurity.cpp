@@ -17,8 +17,8 @@ private slots:
     void initTestCase() { qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path())); }
 
     void cleanup() {
-        UserDefaults::standard().remove(OriginPolicy::allowedKey);
-        UserDefaults::standard().remove(OriginPolicy::pinFirstKey);
+        UserDefaults::standard().remove(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS"));
+        UserDefaults::standard().remove(QStringLiteral("WEBSOCKET_PIN_FIRST_ORIGIN"));
     }
 
     void anOriginIsPrintedOnceAMinute() {
@@ -91,21 +91,23 @@ private slots:
         QVERIFY(OriginPolicy::allowOrigin(QStringLiteral("http://pos.local:8080")));
         QVERIFY(!OriginPolicy::allowOrigin(QStringLiteral("http://pos.local:8080")));
         QVERIFY(OriginPolicy::allowOrigin(QStringLiteral("https://pos.example")));
-        QCOMPARE(UserDefaults::standard().string(OriginPolicy::allowedKey),
+        QCOMPARE(UserDefaults::standard().string(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS")),
                  std::optional<QString>(QStringLiteral("http://pos.local:8080,https://pos.example")));
         QVERIFY(OriginPolicy::allows(QStringLiteral("https://pos.example")));
         QVERIFY(!OriginPolicy::allows(QStringLiteral("http://any.example")));
         QVERIFY(!OriginPolicy::allows(QString()));
         OriginPolicy::clearAllowedOrigins();
-        QVERIFY(!UserDefaults::standard().value(OriginPolicy::allowedKey));
+        QVERIFY(!UserDefaults::standard().value(QStringLiteral("WEBSOCKET_ALLOWED_ORIGINS")));
         QVERIFY(OriginPolicy::allows(QStringLiteral("http://any.example")));
     }
 
     void pinFirstIsOnlyTrue() {
         QVERIFY(!OriginPolicy::pinFirstOrigin());
-        UserDefaults::standard().setValue(OriginPolicy::pinFirstKey, QStringLiteral("yes"));
+        UserDefaults::standard().setValue(QStringLiteral("WEBSOCKET_PIN_FIRST_ORIGIN"),
+                                          QStringLiteral("yes"));
         QVERIFY(!OriginPolicy::pinFirstOrigin());
-        UserDefaults::standard().setValue(OriginPolicy::pinFirstKey, QStringLiteral(" TRUE "));
+        UserDefaults::standard().setValue(QStringLiteral("WEBSOCKET_PIN_FIRST_ORIGIN"),
+                                          QStringLiteral(" TRUE "));
         QVERIFY(OriginPolicy::pinFirstOrigin());
     }
 
@@ -149,11 +151,12 @@ private slots:
 
     void unsetOrBlankListAllowsEverything() {
         QVERIFY(!PrinterAllowList::fromSettings());
-        UserDefaults::standard().setValue(PrinterAllowList::settingKey, QStringLiteral(" , "));
+        UserDefaults::standard().setValue(QStringLiteral("KITCHEN_ALLOWED_PRINTERS"), QStringLiteral(" , "));
         QVERIFY(!PrinterAllowList::fromSettings());
-        UserDefaults::standard().setValue(PrinterAllowList::settingKey, QStringLiteral("127.0.0.1:9100"));
+        UserDefaults::standard().setValue(QStringLiteral("KITCHEN_ALLOWED_PRINTERS"),
+                                          QStringLiteral("127.0.0.1:9100"));
         QVERIFY(PrinterAllowList::fromSettings());
-        UserDefaults::standard().remove(PrinterAllowList::settingKey);
+        UserDefaults::standard().remove(QStringLiteral("KITCHEN_ALLOWED_PRINTERS"));
     }
 };
 

@@ -63,10 +63,10 @@ QVariant valueRead(const QString &value) {
 struct Interface {
     std::optional<QVariant> value;
     int reads = 0;
-    std::function<std::optional<QVariant>()> reader() {
+    std::function<Settings::Interface()> reader() {
         return [this] {
             ++reads;
-            return value;
+            return Settings::interfaceOf(value);
         };
     }
 };

@@ -1,6 +1,7 @@
 // The TCP terminal channel in-process: its controller with recorded outlets, fake KICC,
 // KIS and SMARTRO terminals on loopback, and the answer listeners on loopback.
 #include "common/cp949.h"
+#include "common/settings.h"
 #include "common/userdefaults.h"
 #include "devsim/answercall.h"
 #include "devsim/scriptedterminal.h"
@@ -73,8 +74,9 @@ class TcpChannelTest : public QObject {
         controller = std::make_unique<TCPViewController>();
         QObject::connect(controller.get(), &TerminalChannel::answerReady,
                          [this](const TerminalAnswer &a) { answers << a; });
-        QObject::connect(controller.get(), &TCPViewController::interfaceChosen,
-                         [this] { ++interfaceChosen; });
+        QObject::connect(
+            &Settings::shared(), &Settings::interfaceChosen, controller.get(),
+            [this](Settings::Interface chosen) { interfaceChosen += chosen == Settings::Interface::Tcp; });
         controller->titleLabel = &title;
         controller->ipTextfield = &ipField;
         controller->tcpDevicePopupButton = &popup;
@@ -852,8 +854,9 @@ private slots:
         controller = std::make_unique<TCPViewController>();
         QObject::connect(controller.get(), &TerminalChannel::answerReady,
                          [this](const TerminalAnswer &a) { answers << a; });
-        QObject::connect(controller.get(), &TCPViewController::interfaceChosen,
-                         [this] { ++interfaceChosen; });
+        QObject::connect(
+            &Settings::shared(), &Settings::interfaceChosen, controller.get(),
+            [this](Settings::Interface chosen) { interfaceChosen += chosen == Settings::Interface::Tcp; });
         controller->localAddressLookup = [] { return QStringList{"127.0.0.2", "127.0.0.1"}; };
         controller->kiccAnswerPort = 0;
         controller->smartroAnswerPort = 0;
@@ -871,8 +874,9 @@ private slots:
         controller = std::make_unique<TCPViewController>();
         QObject::connect(controller.get(), &TerminalChannel::answerReady,
                          [this](const TerminalAnswer &a) { answers << a; });
-        QObject::connect(controller.get(), &TCPViewController::interfaceChosen,
-                         [this] { ++interfaceChosen; });
+        QObject::connect(
+            &Settings::shared(), &Settings::interfaceChosen, controller.get(),
+            [this](Settings::Interface chosen) { interfaceChosen += chosen == Settings::Interface::Tcp; });
         controller->kiccLabel = &kiccLabel;
         controller->smartroLabel = &smartroLabel;
         controller->localAddressLookup = [] { return QStringList{"127.0.0.1"}; };

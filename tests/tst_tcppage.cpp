@@ -1,6 +1,7 @@
 // The TCP page as the shop owner uses it, on Qt's offscreen platform: real widgets, real
 // clicks and key presses, the settings file, and a fake terminal for the test button.
 #include "common/outlets.h"
+#include "common/settings.h"
 #include "common/userdefaults.h"
 #include "devsim/scriptedterminal.h"
 #include "shell/tcppage.h"
@@ -74,7 +75,8 @@ private slots:
         UserDefaults::standard().setValue("MAIN_INTERFACE", "USB");
         loadPage();
         int toUsb = 0;
-        QObject::connect(&page->controller(), &TCPViewController::interfaceChosen, [&] { ++toUsb; });
+        QObject::connect(&Settings::shared(), &Settings::interfaceChosen, &page->controller(),
+                         [&](Settings::Interface chosen) { toUsb += chosen == Settings::Interface::Tcp; });
         QTest::mouseClick(page->titleLabel(), Qt::RightButton);
         QCOMPARE(UserDefaults::standard().string("MAIN_INTERFACE"), std::optional<QString>("USB"));
         QTest::mouseClick(page->titleLabel(), Qt::LeftButton);

@@ -1,14 +1,14 @@
 #include "originpolicy.h"
 
 #include "common/log.h"
-#include "common/userdefaults.h"
+#include "common/settings.h"
 
 #include <QUrl>
 
 namespace OriginPolicy {
 
 QStringList allowedOrigins() {
-    return UserDefaults::standard().list(allowedKey).value_or(QStringList());
+    return Settings::shared().list(Settings::Key::WebSocketAllowedOrigins).value_or(QStringList());
 }
 
 bool allows(const QString &origin) {
@@ -17,8 +17,7 @@ bool allows(const QString &origin) {
 }
 
 bool pinFirstOrigin() {
-    const std::optional<QString> pin = UserDefaults::standard().string(pinFirstKey);
-    return pin && pin->trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0;
+    return Settings::shared().isOn(Settings::Key::WebSocketPinFirstOrigin);
 }
 
 bool allowOrigin(const QString &origin) {
@@ -27,12 +26,12 @@ bool allowOrigin(const QString &origin) {
         return false;
     allowed << origin;
     // One text, as `--set` writes it, so that the file reads the same whoever wrote it.
-    UserDefaults::standard().setValue(allowedKey, allowed.join(u','));
+    Settings::shared().set(Settings::Key::WebSocketAllowedOrigins, allowed.join(u','));
     return true;
 }
 
 void clearAllowedOrigins() {
-    UserDefaults::standard().remove(allowedKey);
+    Settings::shared().remove(Settings::Key::WebSocketAllowedOrigins);
 }
 
 void reportNullEntry() {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/settingkeys.h"
+#include "common/settings.h"
 
 #include <QString>
 #include <QStringList>
@@ -12,9 +12,6 @@
 // is not a browser page (a terminal program, a native POS) and is always let in: no page
 // can leave the header out.
 namespace OriginPolicy {
-
-inline const QString &allowedKey = SettingKey::websocketAllowedOrigins;
-inline const QString &pinFirstKey = SettingKey::websocketPinFirstOrigin;
 
 // The listed origins; empty when the setting is unset or blank, which lets every page in.
 QStringList allowedOrigins();
@@ -38,7 +35,7 @@ std::optional<QString> originProblem(const QString &text);
 inline const QString nullWarning =
     QStringLiteral("%1 lists null: local files and the sandboxed frames of any site send the origin null, "
                    "so a page of any site can connect")
-        .arg(allowedKey);
+        .arg(Settings::name(Settings::Key::WebSocketAllowedOrigins));
 // At start: the warning above, once, when the list has "null".
 void reportNullEntry();
 

@@ -1,11 +1,10 @@
 #include "requestrouting.h"
-#include "common/settingkeys.h"
 
 #include "common/fatal.h"
 #include "common/log.h"
+#include "common/settings.h"
 #include "common/terminalchannel.h"
 #include "common/textform.h"
-#include "common/userdefaults.h"
 #include "kitchen/kitchenprintservice.h"
 #include "request.h"
 
@@ -38,8 +37,8 @@ void handleRequest(const QString &text, const TerminalChannels &channels) {
 
     const ParsedRequest request = orStop(parseRequest(text));
     const QVariantMap &internal = request.internal;
-    const RouteTarget target = orStop(
-        routeFor(request.object, [] { return UserDefaults::standard().value(SettingKey::mainInterface); }));
+    const RouteTarget target =
+        orStop(routeFor(request.object, [] { return Settings::shared().mainInterface(); }));
 
     switch (target) {
     case RouteTarget::KitchenPrint:
@@ -58,21 +57,24 @@ void handleRequest(const QString &text, const TerminalChannels &channels) {
     }
 }
 
-std::variant<RouteTarget, RequestError>
-routeFor(const QVariantMap &requestObject, const std::function<std::optional<QVariant>()> &mainInterface) {
+std::variant<RouteTarget, RequestError> routeFor(const QVariantMap &requestObject,
+                                                 const std::function<Settings::Interface()> &mainInterface) {
     if (!requestObject.contains(RequestKey::requesttype))
         return RequestError{QStringLiteral("request has no \"requesttype\"")};
     if (textualForm(requestObject.value(RequestKey::requesttype)) == QLatin1String("kitchenPrint"))
         return RouteTarget::KitchenPrint;
 
-    const std::optional<QVariant> interface = mainInterface();
-    if (!interface)
-        return RequestError{QStringLiteral("MAIN_INTERFACE is not set; choose TCP or USB before sending "
-                                           "terminal requests")};
-    const QString name = textualForm(*interface);
-    if (name == QLatin1String("TCP"))
+    switch (mainInterface()) {
+    case Settings::Interface::None:
+        return RequestError{
+            QStringLiteral("%1 is not set; choose TCP or USB before sending terminal requests")
+                .arg(Settings::name(Settings::Key::MainInterface))};
+    case Settings::Interface::Tcp:
         return RouteTarget::TcpTerminal;
-    if (name == QLatin1String("USB"))
+    case Settings::Interface::Usb:
         return RouteTarget::UsbTerminal;
+    case Settings::Interface::Other:
+        break;
+    }
     return RouteTarget::Drop;
 }

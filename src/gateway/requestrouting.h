@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/settings.h"
 #include "jsonframe.h"
 
 #include <QString>
@@ -29,5 +30,5 @@ enum class RouteTarget { KitchenPrint, TcpTerminal, UsbTerminal, Drop };
 // Where a request goes. Kitchen orders never look at MAIN_INTERFACE, so kitchen printing
 // works whichever terminal is set, or none. `mainInterface` is asked for only when it
 // matters.
-std::variant<RouteTarget, RequestError>
-routeFor(const QVariantMap &requestObject, const std::function<std::optional<QVariant>()> &mainInterface);
+std::variant<RouteTarget, RequestError> routeFor(const QVariantMap &requestObject,
+                                                 const std::function<Settings::Interface()> &mainInterface);

@@ -1,9 +1,8 @@
 #include "websocketviewcontroller.h"
-#include "common/settingkeys.h"
 
 #include "common/fatal.h"
 #include "common/log.h"
-#include "common/userdefaults.h"
+#include "common/settings.h"
 #include "kitchen/printerallowlist.h"
 #include "originpolicy.h"
 #include "requestrouting.h"
@@ -209,13 +208,11 @@ void WebSocketViewController::deliverNextHeldAnswer() {
 }
 
 bool WebSocketViewController::holdUndeliveredAnswers() {
-    const std::optional<QString> hold = UserDefaults::standard().string(holdKey);
-    return hold && hold->trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0;
+    return Settings::shared().isOn(Settings::Key::HoldUndeliveredAnswers);
 }
 
 QHostAddress WebSocketViewController::listenAddress() const {
-    const std::optional<QString> all = UserDefaults::standard().string(SettingKey::websocketListenAll);
-    if (all && all->trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0)
+    if (Settings::shared().isOn(Settings::Key::WebSocketListenAll))
         return QHostAddress::Any;
     return QHostAddress::LocalHost;
 }
@@ -236,7 +233,8 @@ void WebSocketViewController::noteRefused(const QString &origin, const QString &
     if (refusedOrigins.note(origin, nowMs, now))
         logLine(QStringLiteral("%1 at %2: origin %3 is not in %4")
                     .arg(what, now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODate),
-                         RefusedOrigins::shown(origin), OriginPolicy::allowedKey));
+                         RefusedOrigins::shown(origin),
+                         Settings::name(Settings::Key::WebSocketAllowedOrigins)));
     showRefusedOrigins();
 }
 
@@ -253,13 +251,15 @@ void WebSocketViewController::pinFirstOrigin(const QString &origin) {
         if (!notPinned.contains(origin) && notPinned.size() < 100) {
             notPinned.insert(origin);
             logLine(QStringLiteral("%1: origin %2 is not pinned: %3")
-                        .arg(OriginPolicy::pinFirstKey, RefusedOrigins::shown(origin), singleLine(*problem)));
+                        .arg(Settings::name(Settings::Key::WebSocketPinFirstOrigin),
+                             RefusedOrigins::shown(origin), singleLine(*problem)));
         }
         return;
     }
     OriginPolicy::allowOrigin(origin);
     logLine(singleLine(QStringLiteral("%1: pinned %2, the only origin allowed from now on (%3)")
-                           .arg(OriginPolicy::pinFirstKey, origin, OriginPolicy::allowedKey)));
+                           .arg(Settings::name(Settings::Key::WebSocketPinFirstOrigin), origin,
+                                Settings::name(Settings::Key::WebSocketAllowedOrigins))));
     // Pages of other sites that were let in while nothing was pinned go now.
     closeConnectionsNotAllowed();
     showOriginState();
@@ -270,8 +270,8 @@ void WebSocketViewController::pinOriginClicked() {
     if (!origin || origin->isEmpty() || OriginPolicy::originProblem(*origin))
         return;
     if (OriginPolicy::allowOrigin(*origin))
-        logLine(singleLine(
-            QStringLiteral("%1: %2 allowed from the popover").arg(OriginPolicy::allowedKey, *origin)));
+        logLine(singleLine(QStringLiteral("%1: %2 allowed from the popover")
+                               .arg(Settings::name(Settings::Key::WebSocketAllowedOrigins), *origin)));
     closeConnectionsNotAllowed();
     showOriginState();
 }
@@ -280,7 +280,7 @@ void WebSocketViewController::clearOriginsClicked() {
     if (!OriginPolicy::allowedOrigins().isEmpty()) {
         OriginPolicy::clearAllowedOrigins();
         logLine(QStringLiteral("%1 cleared from the popover: every origin is allowed")
-                    .arg(OriginPolicy::allowedKey));
+                    .arg(Settings::name(Settings::Key::WebSocketAllowedOrigins)));
     }
     showOriginState();
 }

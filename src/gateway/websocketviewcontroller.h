@@ -1,7 +1,6 @@
 #pragma once
 
 #include "common/outlets.h"
-#include "common/settingkeys.h"
 #include "common/terminalchannel.h"
 #include "common/textlabel.h"
 #include "kitchen/kitchenprintservice.h"
@@ -74,7 +73,6 @@ public:
 
     static inline const QString noOriginText = QStringLiteral("no Origin header");
 
-    static inline const QString &holdKey = SettingKey::holdUndeliveredAnswers;
     // With HOLD_UNDELIVERED_ANSWERS, an answer that finds no POS waits this long at most.
     static constexpr qint64 heldAnswerLifetimeMs = 24LL * 60 * 60 * 1000;
     static bool holdUndeliveredAnswers();

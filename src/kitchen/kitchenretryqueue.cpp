@@ -1,8 +1,8 @@
 #include "kitchenretryqueue.h"
 
 #include "common/log.h"
+#include "common/settings.h"
 #include "common/textform.h"
-#include "common/userdefaults.h"
 #include "printerallowlist.h"
 #include "printjob.h"
 
@@ -14,10 +14,10 @@ namespace {
 enum class SettingState { Off, On, Invalid };
 
 SettingState readSetting(int *minutes, QString *raw) {
-    const std::optional<QVariant> value = UserDefaults::standard().value(KitchenRetryQueue::settingKey);
+    const std::optional<QString> value = Settings::shared().text(Settings::Key::KitchenRetryMinutes);
     if (!value)
         return SettingState::Off;
-    *raw = textualForm(*value);
+    *raw = *value;
     const std::optional<qint32> parsed = parseInt32(raw->trimmed());
     if (!parsed || *parsed < 0 || *parsed > KitchenRetryQueue::maximumMinutes)
         return SettingState::Invalid;
@@ -54,7 +54,7 @@ void KitchenRetryQueue::resumeAtStart() {
         logLine(
             singleLine(QStringLiteral("%1=%2 is not a whole number of minutes from 1 to %3: kitchen orders "
                                       "are not retried")
-                           .arg(KitchenRetryQueue::settingKey, raw)
+                           .arg(Settings::name(Settings::Key::KitchenRetryMinutes), raw)
                            .arg(maximumMinutes)));
     if (state != SettingState::On)
         return;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "common/settingkeys.h"
 #include "store/pendingstore.h"
 
 #include <QObject>
@@ -19,7 +18,6 @@ class QTimer;
 // same printer go out in the order they came: a later one waits behind an earlier one.
 class KitchenRetryQueue : public QObject {
 public:
-    static inline const QString &settingKey = SettingKey::kitchenRetryMinutes;
     static constexpr int firstRetryMs = 1000;
     static constexpr int longestRetryMs = 30'000;
     static constexpr int maximumMinutes = 1440;

@@ -1,7 +1,7 @@
 #include "printerallowlist.h"
 
 #include "common/log.h"
-#include "common/userdefaults.h"
+#include "common/settings.h"
 
 namespace {
 
@@ -108,7 +108,7 @@ std::optional<PrinterAllowList::Rule> PrinterAllowList::parse(const QString &ent
 }
 
 std::optional<PrinterAllowList> PrinterAllowList::fromSettings() {
-    const std::optional<QStringList> entries = UserDefaults::standard().list(settingKey);
+    const std::optional<QStringList> entries = Settings::shared().list(Settings::Key::KitchenAllowedPrinters);
     if (!entries || entries->isEmpty())
         return std::nullopt;
     return PrinterAllowList(*entries);
@@ -145,7 +145,7 @@ bool PrinterAllowList::permits(const QString &address, quint16 port) {
     logLine(singleLine(QStringLiteral("kitchen printer %1:%2: not in %3, the order was not sent")
                            .arg(address)
                            .arg(port)
-                           .arg(settingKey)));
+                           .arg(Settings::name(Settings::Key::KitchenAllowedPrinters))));
     return false;
 }
 
@@ -156,5 +156,5 @@ void PrinterAllowList::reportInvalidEntries() {
     for (const QString &entry : list->invalidEntries())
         logLine(singleLine(QStringLiteral("%1: \"%2\" is not an address, address:port, CIDR range or host "
                                           "name: it allows no printer")
-                               .arg(settingKey, entry)));
+                               .arg(Settings::name(Settings::Key::KitchenAllowedPrinters), entry)));
 }

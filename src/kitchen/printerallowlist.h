@@ -1,7 +1,5 @@
 #pragma once
 
-#include "common/settingkeys.h"
-
 #include <QHostAddress>
 #include <QList>
 #include <QString>
@@ -20,8 +18,6 @@
 // cannot widen the list. An entry that is none of these allows nothing.
 class PrinterAllowList {
 public:
-    static inline const QString &settingKey = SettingKey::kitchenAllowedPrinters;
-
     explicit PrinterAllowList(const QStringList &entries);
 
     // The list as the settings file has it now; nothing when it is unset or has no entries,

@@ -4,13 +4,6 @@ void connectTerminalChannels(WebSocketViewController *gateway, TCPViewController
                              USBViewController *usb) {
     if (gateway)
         gateway->setTerminalChannels({tcp, usb});
-    // One channel made active: the other page steps back.
-    if (tcp && usb) {
-        QObject::connect(tcp, &TCPViewController::interfaceChosen, usb,
-                         &USBViewController::otherInterfaceChosen);
-        QObject::connect(usb, &USBViewController::interfaceChosen, tcp,
-                         &TCPViewController::otherInterfaceChosen);
-    }
 }
 
 Service::Service(QObject *parent) : QObject(parent) {

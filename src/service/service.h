@@ -8,8 +8,9 @@
 #include <QObject>
 #include <QString>
 
-// The gateway hands terminal requests to the two channels and takes their answers; the
-// channel made active greys the other's page. Any of them may be missing.
+// The gateway hands terminal requests to the two channels and takes their answers. Any of
+// them may be missing. (Which channel is active is the settings' to say: each page steps
+// back by itself when the other interface is chosen.)
 void connectTerminalChannels(WebSocketViewController *gateway, TCPViewController *tcp,
                              USBViewController *usb);
 

@@ -4,6 +4,7 @@
 #include "browserpolicy.h"
 #include "commandline.h"
 #include "common/log.h"
+#include "common/settings.h"
 #include "common/terminationsignals.h"
 #include "common/userdefaults.h"
 #include "gateway/originpolicy.h"
@@ -51,13 +52,14 @@ int runSettingsChores(const CommandLine &line) {
     }
     if (!line.originsToAllow.isEmpty()) {
         const QStringList allowed = OriginPolicy::allowedOrigins();
-        printLine(stdout, allowed.isEmpty() ? OriginPolicy::allowedKey +
+        printLine(stdout, allowed.isEmpty() ? Settings::name(Settings::Key::WebSocketAllowedOrigins) +
                                                   QStringLiteral(" is not set: every page may connect")
-                                            : OriginPolicy::allowedKey + u'=' + allowed.join(u','));
+                                            : Settings::name(Settings::Key::WebSocketAllowedOrigins) + u'=' +
+                                                  allowed.join(u','));
     }
     if (line.lockDown)
         for (const LockDown::Setting &setting : LockDown::apply())
-            printLine(stdout, setting.first + u'=' + setting.second);
+            printLine(stdout, setting.text());
     if (line.printSettings) {
         QStringList keys = defaults.keys();
         keys.sort();
@@ -140,7 +142,7 @@ int runBrowserPolicyChore(const CommandLine &line) {
             printLine(stderr, QStringLiteral("teranocounter: --browser-policy: no origin given and %1 lists "
                                              "none: name the POS page's origin, as in --browser-policy "
                                              "https://pos.example.com")
-                                  .arg(OriginPolicy::allowedKey));
+                                  .arg(Settings::name(Settings::Key::WebSocketAllowedOrigins)));
             return 2;
         }
     }

@@ -1,5 +1,6 @@
 #include "commandline.h"
 
+#include "common/settings.h"
 #include "gateway/originpolicy.h"
 #include "teranoversion.h"
 
@@ -61,7 +62,7 @@ CommandLine parseCommandLine(const QStringList &arguments) {
             const QString value = assignment.mid(equals + 1);
             // An origin list is checked as --allow-origin checks one origin: an entry no
             // browser sends would lock out the POS without a word.
-            if (key == OriginPolicy::allowedKey)
+            if (Settings::keyNamed(key) == Settings::Key::WebSocketAllowedOrigins)
                 for (const QString &entry : value.split(u',')) {
                     if (entry.trimmed().isEmpty())
                         continue;

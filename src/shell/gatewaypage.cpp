@@ -2,6 +2,7 @@
 
 #include "browserpolicy.h"
 #include "common/log.h"
+#include "common/settings.h"
 #include "gateway/originpolicy.h"
 #include "lockdown.h"
 
@@ -81,6 +82,9 @@ GatewayPage::GatewayPage(WebSocketViewController &controller, QWidget *parent)
     connect(clearButton, &QPushButton::clicked, this, [&c] { c.clearOriginsClicked(); });
     connect(&c, &WebSocketViewController::originStateChanged, this, &GatewayPage::showBrowserPolicy);
     c.viewDidLoad();
+    // A protection turned on or off while the popover is open (pinning the POS, clearing
+    // the origins) shows at once.
+    connect(&Settings::shared(), &Settings::changed, this, &GatewayPage::showProtections);
     showProtections();
     showBrowserPolicy();
 }
@@ -113,7 +117,7 @@ void GatewayPage::showProtections() {
 void GatewayPage::lockDownClicked() {
     QStringList written;
     for (const LockDown::Setting &setting : LockDown::apply())
-        written << setting.first + u'=' + setting.second;
+        written << setting.text();
     logLine(singleLine(QStringLiteral("protections turned on from the popover: ") +
                        written.join(QStringLiteral(", "))));
     viewController.viewDidAppear();

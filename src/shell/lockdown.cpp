@@ -1,24 +1,13 @@
 #include "lockdown.h"
 
-#include "common/userdefaults.h"
 #include "gateway/originpolicy.h"
 #include "gateway/websocketviewcontroller.h"
 #include "kitchen/kitchenretryqueue.h"
-#include "kitchen/printerallowlist.h"
 #include "terminal_tcp/answerpeers.h"
 
 #include <QNetworkInterface>
 
 namespace LockDown {
-
-namespace {
-
-bool isSet(const QString &key) {
-    const std::optional<QStringList> entries = UserDefaults::standard().list(key);
-    return entries && !entries->isEmpty();
-}
-
-} // namespace
 
 QStringList localNetworks() {
     QStringList networks;
@@ -42,40 +31,47 @@ QStringList localNetworks() {
 }
 
 QList<Setting> plan(const QStringList &networks) {
-    QList<Setting> settings;
+    using Key = Settings::Key;
+    const Settings &settings = Settings::shared();
+    QList<Setting> plan;
     if (OriginPolicy::allowedOrigins().isEmpty())
-        settings.append({OriginPolicy::pinFirstKey, QStringLiteral("true")});
-    settings.append({AnswerPeers::settingKey, AnswerPeers::terminalWord});
-    if (!isSet(PrinterAllowList::settingKey) && !networks.isEmpty())
-        settings.append({PrinterAllowList::settingKey, networks.join(u',')});
-    settings.append({WebSocketViewController::holdKey, QStringLiteral("true")});
-    if (!UserDefaults::standard().value(KitchenRetryQueue::settingKey))
-        settings.append({KitchenRetryQueue::settingKey, QStringLiteral("10")});
-    return settings;
+        plan.append({Key::WebSocketPinFirstOrigin, QStringLiteral("true")});
+    plan.append({Key::TerminalAnswerPeers, AnswerPeers::terminalWord});
+    if (!settings.hasEntries(Key::KitchenAllowedPrinters) && !networks.isEmpty())
+        plan.append({Key::KitchenAllowedPrinters, networks.join(u',')});
+    plan.append({Key::HoldUndeliveredAnswers, QStringLiteral("true")});
+    if (!settings.value(Key::KitchenRetryMinutes))
+        plan.append({Key::KitchenRetryMinutes, QStringLiteral("10")});
+    return plan;
 }
 
 QList<Setting> apply() {
     const QList<Setting> settings = plan(localNetworks());
-    QList<QPair<QString, QVariant>> values;
+    QList<QPair<Settings::Key, QVariant>> values;
     for (const Setting &setting : settings)
-        values.append({setting.first, setting.second});
-    UserDefaults::standard().setValues(values);
+        values.append({setting.key, setting.value});
+    Settings::shared().set(values);
     return settings;
 }
 
 QStringList missing() {
-    QStringList off;
+    using Key = Settings::Key;
+    const Settings &settings = Settings::shared();
+    QList<Key> off;
     if (OriginPolicy::allowedOrigins().isEmpty() && !OriginPolicy::pinFirstOrigin())
-        off << OriginPolicy::allowedKey;
-    if (!isSet(AnswerPeers::settingKey))
-        off << AnswerPeers::settingKey;
-    if (!isSet(PrinterAllowList::settingKey))
-        off << PrinterAllowList::settingKey;
+        off << Key::WebSocketAllowedOrigins;
+    if (!settings.hasEntries(Key::TerminalAnswerPeers))
+        off << Key::TerminalAnswerPeers;
+    if (!settings.hasEntries(Key::KitchenAllowedPrinters))
+        off << Key::KitchenAllowedPrinters;
     if (!WebSocketViewController::holdUndeliveredAnswers())
-        off << WebSocketViewController::holdKey;
+        off << Key::HoldUndeliveredAnswers;
     if (!KitchenRetryQueue::retryMinutes())
-        off << KitchenRetryQueue::settingKey;
-    return off;
+        off << Key::KitchenRetryMinutes;
+    QStringList names;
+    for (const Key key : off)
+        names << Settings::name(key);
+    return names;
 }
 
 } // namespace LockDown

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/settings.h"
+
 #include <QList>
 #include <QPair>
 #include <QString>
@@ -10,7 +12,13 @@
 // by default so that an install behaves as documented until the owner chooses.
 namespace LockDown {
 
-using Setting = QPair<QString, QString>;
+struct Setting {
+    Settings::Key key;
+    QString value;
+    // As the command line and the log show it: KEY=value.
+    QString text() const { return Settings::name(key) + u'=' + value; }
+    bool operator==(const Setting &) const = default;
+};
 
 // This computer's IPv4 networks on interfaces that are up, running and not loopback, as CIDR
 // ranges (`192.168.0.0/24`): where its kitchen printers are.

@@ -1,18 +1,11 @@
 #include "serialanswerframing.h"
-#include "common/settingkeys.h"
 
 #include "common/cp949.h"
 #include "common/fatal.h"
 #include "common/log.h"
+#include "common/settings.h"
 #include "common/textform.h"
 #include "common/userdefaults.h"
-
-namespace {
-
-const QString &mainInterfaceKey = SettingKey::mainInterface;
-const QString &deviceTypeKey = SettingKey::serialDeviceType;
-
-} // namespace
 
 SerialAnswerFraming::Trim SerialAnswerFraming::trimFor(const QString &deviceType) {
     // KIS-7430 frames carry a shorter header and no trailer before the ETX; every other
@@ -35,10 +28,10 @@ QString SerialAnswerFraming::requiredSetting(const QString &key) const {
 }
 
 std::optional<TerminalAnswer> SerialAnswerFraming::didReceiveData(const QByteArray &chunk) {
-    const QString mainInterface = requiredSetting(mainInterfaceKey);
+    const QString mainInterface = requiredSetting(Settings::name(Settings::Key::MainInterface));
     std::optional<QString> deviceName;
     const Result result = receive(chunk, mainInterface, [&] {
-        deviceName = requiredSetting(deviceTypeKey);
+        deviceName = requiredSetting(Settings::name(Settings::Key::SerialDeviceType));
         return *deviceName;
     });
     if (result.outcome == Outcome::Overflowed)

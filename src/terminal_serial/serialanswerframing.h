@@ -51,7 +51,7 @@ public:
         bool operator==(const Result &) const = default;
     };
 
-    // Reads a setting as stored, or nothing when it is absent.
+    // Reads a setting, by its name in the file, as stored, or nothing when it is absent.
     using SettingReader = std::function<std::optional<QVariant>(const QString &key)>;
 
     // By default the settings come from the user's settings file, read afresh per chunk.

@@ -1,26 +1,19 @@
 #include "usbviewcontroller.h"
-#include "common/settingkeys.h"
 
 #include "common/cp949.h"
 #include "common/fatal.h"
+#include "common/settings.h"
 #include "common/textform.h"
-#include "common/userdefaults.h"
-
-namespace {
-
-constexpr int defaultBaudRate = 9600;
-
-std::optional<QString> storedText(const QString &key) {
-    const std::optional<QVariant> value = UserDefaults::standard().value(key);
-    if (!value)
-        return std::nullopt;
-    return textualForm(*value);
-}
-
-} // namespace
 
 USBViewController::USBViewController(SerialPortManager &manager, QObject *parent)
-    : TerminalChannel(parent), serialPortManager(manager) {}
+    : TerminalChannel(parent), serialPortManager(manager) {
+    // Another interface chosen: this page steps back. The settings are that page's to
+    // write; only the look and the controls change here.
+    connect(&Settings::shared(), &Settings::interfaceChosen, this, [this](Settings::Interface chosen) {
+        if (chosen != Settings::Interface::Usb)
+            otherInterfaceChosen();
+    });
+}
 
 USBViewController::~USBViewController() {
     // The manager keeps the port; it must not keep calling a controller that is gone.
@@ -46,9 +39,9 @@ void USBViewController::viewDidLoad() {
     connect(&serialPortManager, &SerialPortManager::serialPortsWereDisconnected, this,
             &USBViewController::serialPortsWereDisconnected);
 
-    const std::optional<QString> deviceType = storedText(SettingKey::serialDeviceType);
+    const std::optional<QString> deviceType = Settings::shared().text(Settings::Key::SerialDeviceType);
     if (!deviceType) {
-        UserDefaults::standard().setValue(SettingKey::serialDeviceType, availableDeviceType.first());
+        Settings::shared().fillDefault(Settings::Key::SerialDeviceType);
     } else {
         const qsizetype index = availableDeviceType.indexOf(*deviceType);
         if (index >= 0 && deviceTypePopupButton)
@@ -57,7 +50,7 @@ void USBViewController::viewDidLoad() {
 }
 
 void USBViewController::viewDidAppear() {
-    if (storedText(SettingKey::mainInterface) == QLatin1String("USB")) {
+    if (Settings::shared().mainInterface() == Settings::Interface::Usb) {
         showSelected();
         selectUsb();
     }
@@ -75,7 +68,7 @@ void USBViewController::loadPortList() {
 
     // The stored port is opened whenever it is listed: at start, and every time the list
     // changes, which is what brings a replugged terminal back by itself.
-    const std::optional<QString> stored = storedText(SettingKey::usbPort);
+    const std::optional<QString> stored = Settings::shared().text(Settings::Key::UsbPort);
     if (!stored)
         return;
     const qsizetype index = names.indexOf(*stored);
@@ -97,10 +90,11 @@ void USBViewController::loadBaudList() {
         baudPopupButton->removeAllItems();
         baudPopupButton->addItemsWithTitles(availableBaudRates);
     }
-    const std::optional<QString> stored = storedText(SettingKey::baudRate);
+    const std::optional<QString> stored = Settings::shared().text(Settings::Key::BaudRate);
     if (!stored) {
-        // Nothing is selected or set: the line keeps its default rate, which is this one.
-        UserDefaults::standard().setValue(SettingKey::baudRate, defaultBaudRate);
+        // Nothing is selected or set: the line keeps its default rate, which is the
+        // setting's default.
+        Settings::shared().fillDefault(Settings::Key::BaudRate);
         return;
     }
     const qsizetype index = availableBaudRates.indexOf(*stored);
@@ -125,14 +119,14 @@ void USBViewController::portChanged() {
     if (index < 0 || index >= ports.size())
         fatalStop(QStringLiteral("the chosen serial port is no longer in the list"));
     setSerialPort(ports.at(index));
-    UserDefaults::standard().setValue(SettingKey::usbPort, port->description());
+    Settings::shared().set(Settings::Key::UsbPort, port->description());
     port->open();
     port->setBaudRate(baudFromTitle(baudPopupButton ? baudPopupButton->titleOfSelectedItem() : QString()));
 }
 
 void USBViewController::baudrateChanged() {
     const QString title = baudPopupButton ? baudPopupButton->titleOfSelectedItem() : QString();
-    UserDefaults::standard().setValue(SettingKey::baudRate, title);
+    Settings::shared().set(Settings::Key::BaudRate, title);
     // The open port takes the new rate as it is, without being reopened.
     if (port)
         port->setBaudRate(baudFromTitle(title));
@@ -140,9 +134,8 @@ void USBViewController::baudrateChanged() {
 
 void USBViewController::deviceTypeChanged() {
     // Read again for every answer, so the next one is cut the new model's way.
-    UserDefaults::standard().setValue(SettingKey::serialDeviceType,
-                                      deviceTypePopupButton ? deviceTypePopupButton->titleOfSelectedItem()
-                                                            : QString());
+    Settings::shared().set(Settings::Key::SerialDeviceType,
+                           deviceTypePopupButton ? deviceTypePopupButton->titleOfSelectedItem() : QString());
 }
 
 void USBViewController::titleLabelClickedWithSender() {
@@ -151,9 +144,9 @@ void USBViewController::titleLabelClickedWithSender() {
 }
 
 void USBViewController::selectUsb() {
-    UserDefaults::standard().setValue(SettingKey::mainInterface, QStringLiteral("USB"));
-    // The TCP page steps back. Said every time, also when USB was already the one.
-    emit interfaceChosen();
+    // The TCP page steps back: the choice is announced every time, also when USB was
+    // already the one.
+    Settings::shared().chooseInterface(Settings::Interface::Usb);
     setControlsEnabled(true);
 }
 
@@ -214,7 +207,6 @@ void USBViewController::handleRequest(const TerminalRequest &request) {
 }
 
 void USBViewController::otherInterfaceChosen() {
-    // The settings are the TCP page's to write; only the look and the controls change here.
     showDeselected();
 }
 

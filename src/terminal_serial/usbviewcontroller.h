@@ -67,7 +67,8 @@ public:
 
     // A terminal request from the POS.
     void handleRequest(const TerminalRequest &request) override;
-    // The TCP channel was made the active one: this page steps back.
+    // The TCP channel was made the active one (the settings announce it): this page steps
+    // back.
     void otherInterfaceChosen();
 
     // Adapters plugged in or pulled out anywhere on the system.
@@ -77,11 +78,6 @@ public:
     void serialPortWasRemovedFromSystem(SerialPort &port) override;
     void serialPortDidReceiveData(SerialPort &port, const QByteArray &data) override;
     void serialPortDidEncounterError(SerialPort &port, QSerialPort::SerialPortError error) override;
-
-signals:
-    // USB was made the active interface: by the owner, or because it was when the page
-    // appeared.
-    void interfaceChosen();
 
 private:
     void loadPortList();

@@ -1,7 +1,6 @@
 #include "answerpeers.h"
 
 #include "common/log.h"
-#include "common/userdefaults.h"
 
 AnswerPeers::AnswerPeers(const QStringList &entries) {
     for (const QString &entry : entries) {
@@ -36,7 +35,7 @@ bool AnswerPeers::isValidEntry(const QString &entry) {
 }
 
 std::optional<AnswerPeers> AnswerPeers::fromSettings() {
-    const std::optional<QStringList> entries = UserDefaults::standard().list(settingKey);
+    const std::optional<QStringList> entries = Settings::shared().list(Settings::Key::TerminalAnswerPeers);
     if (!entries || entries->isEmpty())
         return std::nullopt;
     return AnswerPeers(*entries);
@@ -64,9 +63,10 @@ void AnswerPeers::reportInvalidEntries() {
     if (!peers)
         return;
     for (const QString &entry : peers->invalidEntries())
-        logLine(singleLine(QStringLiteral("%1: \"%2\" is not an address, a CIDR range or %3: it allows no "
-                                          "terminal")
-                               .arg(settingKey, entry, terminalWord)));
+        logLine(
+            singleLine(QStringLiteral("%1: \"%2\" is not an address, a CIDR range or %3: it allows no "
+                                      "terminal")
+                           .arg(Settings::name(Settings::Key::TerminalAnswerPeers), entry, terminalWord)));
 }
 
 bool RefusedPeers::note(const QString &peer, qint64 nowMs) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/settingkeys.h"
+#include "common/settings.h"
 
 #include <QHash>
 #include <QHostAddress>
@@ -17,8 +17,8 @@
 // of these allows nothing.
 class AnswerPeers {
 public:
-    static inline const QString &settingKey = SettingKey::terminalAnswerPeers;
-    static inline const QString &terminalWord = SettingKey::tcpIp; // the entry that means the terminal
+    // The entry that means the terminal: the name of the setting that holds its address.
+    static inline const QString terminalWord = Settings::name(Settings::Key::TcpIp);
 
     explicit AnswerPeers(const QStringList &entries);
 

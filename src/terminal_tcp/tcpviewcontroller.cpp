@@ -1,24 +1,20 @@
 #include "tcpviewcontroller.h"
-#include "common/settingkeys.h"
 
 #include "answerpeers.h"
 #include "common/cp949.h"
 #include "common/fatal.h"
 #include "common/log.h"
+#include "common/settings.h"
 #include "common/textform.h"
-#include "common/userdefaults.h"
 #include "ipv4rule.h"
 #include "terminallistener.h"
 
-namespace {
-
-const QString &tcpDeviceKey = SettingKey::tcpDevice;
-const QString &tcpIpKey = SettingKey::tcpIp;
-const QString &mainInterfaceKey = SettingKey::mainInterface;
-
-} // namespace
-
-TCPViewController::TCPViewController(QObject *parent) : TerminalChannel(parent) {}
+TCPViewController::TCPViewController(QObject *parent) : TerminalChannel(parent) {
+    connect(&Settings::shared(), &Settings::interfaceChosen, this, [this](Settings::Interface chosen) {
+        if (chosen != Settings::Interface::Tcp)
+            otherInterfaceChosen();
+    });
+}
 
 TCPViewController::~TCPViewController() = default;
 
@@ -28,16 +24,15 @@ void TCPViewController::viewDidLoad() {
     smartro =
         startListener(smartroAnswerPort, Vendor::SMARTRO, TerminalDeviceName::SMARTRO, true, smartroLabel);
 
-    UserDefaults &defaults = UserDefaults::standard();
-    if (!defaults.value(tcpDeviceKey))
-        defaults.setValue(tcpDeviceKey, Vendor::KICC);
-    const qsizetype index = vendors.indexOf(defaults.string(tcpDeviceKey).value_or(QString()));
+    Settings &settings = Settings::shared();
+    settings.fillDefault(Settings::Key::TcpDevice);
+    const qsizetype index = vendors.indexOf(settings.text(Settings::Key::TcpDevice).value_or(QString()));
     if (index >= 0 && tcpDevicePopupButton)
         tcpDevicePopupButton->selectItemAtIndex(static_cast<int>(index));
     // The stored address is shown from the start, so the owner sees what the terminal
     // requests go to.
     if (ipTextfield)
-        ipTextfield->setStringValue(defaults.string(tcpIpKey).value_or(QString()));
+        ipTextfield->setStringValue(settings.text(Settings::Key::TcpIp).value_or(QString()));
 }
 
 TerminalListener *TCPViewController::startListener(quint16 port, const QString &vendor,
@@ -67,7 +62,7 @@ TerminalListener *TCPViewController::startListener(quint16 port, const QString &
 }
 
 void TCPViewController::viewDidAppear() {
-    if (UserDefaults::standard().string(mainInterfaceKey) == QStringLiteral("TCP"))
+    if (Settings::shared().mainInterface() == Settings::Interface::Tcp)
         paintActive();
 }
 
@@ -75,17 +70,17 @@ void TCPViewController::deviceTypeChanged() {
     if (!tcpDevicePopupButton)
         return;
     const QString vendor = tcpDevicePopupButton->titleOfSelectedItem();
-    UserDefaults::standard().setValue(tcpDeviceKey, vendor);
-    logLine(QStringLiteral("TCP_DEVICE: %1").arg(vendor));
+    Settings::shared().set(Settings::Key::TcpDevice, vendor);
+    logLine(QStringLiteral("%1: %2").arg(Settings::name(Settings::Key::TcpDevice), vendor));
 }
 
 void TCPViewController::titleLabelClicked() {
-    UserDefaults::standard().setValue(mainInterfaceKey, QStringLiteral("TCP"));
-    emit interfaceChosen();
+    // The USB page steps back.
+    Settings::shared().chooseInterface(Settings::Interface::Tcp);
     if (ipTextfield) {
         ipTextfield->setEditable(true);
         ipTextfield->setEnabled(true);
-        ipTextfield->setStringValue(UserDefaults::standard().string(tcpIpKey).value_or(QString()));
+        ipTextfield->setStringValue(Settings::shared().text(Settings::Key::TcpIp).value_or(QString()));
     }
     paintActive();
 }
@@ -95,11 +90,11 @@ void TCPViewController::ipTextfieldEnter() {
         return;
     const QString text = ipTextfield->stringValue();
     if (matchesIPv4Rule(text))
-        UserDefaults::standard().setValue(tcpIpKey, text);
+        Settings::shared().set(Settings::Key::TcpIp, text);
 }
 
 void TCPViewController::connectionTestClicked() {
-    const QString vendor = UserDefaults::standard().string(tcpDeviceKey).value_or(QString());
+    const QString vendor = Settings::shared().text(Settings::Key::TcpDevice).value_or(QString());
     if (vendor == Vendor::KIS)
         senders.sendKIS(cp949::encode(testPrintText).value(), QStringLiteral("print"), answerSink());
     else if (vendor == Vendor::KICC)

@@ -35,7 +35,8 @@ public:
     void ipTextfieldEnter();
     void connectionTestClicked();
     void handleRequest(const TerminalRequest &request) override;
-    // The USB channel was made the active one: this page steps back.
+    // The USB channel was made the active one (the settings announce it): this page steps
+    // back.
     void otherInterfaceChosen();
 
     ControlOutlet *container = nullptr;
@@ -55,10 +56,6 @@ public:
 
     const TerminalListener *kiccListener() const { return kicc; }
     const TerminalListener *smartroListener() const { return smartro; }
-
-signals:
-    // The owner made TCP the active interface from this page.
-    void interfaceChosen();
 
 private:
     TerminalListener *startListener(quint16 port, const QString &vendor, const QString &deviceName,

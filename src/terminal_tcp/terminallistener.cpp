@@ -46,7 +46,7 @@ bool TerminalListener::refused(QTcpSocket *socket) const {
     const QHostAddress peer = socket->peerAddress();
     if (refusedPeers.note(peer.toString(), clock.elapsed()))
         logLine(QStringLiteral("terminal answer refused from %1: not in %2")
-                    .arg(peer.toString(), AnswerPeers::settingKey));
+                    .arg(peer.toString(), Settings::name(Settings::Key::TerminalAnswerPeers)));
     return true;
 }
 

@@ -1,10 +1,9 @@
 #include "vendorsenders.h"
-#include "common/settingkeys.h"
 
 #include "common/cp949.h"
 #include "common/fatal.h"
 #include "common/log.h"
-#include "common/userdefaults.h"
+#include "common/settings.h"
 #include "ipv4rule.h"
 #include "tcpclient.h"
 #include "terminalanswers.h"
@@ -181,7 +180,7 @@ void VendorSenders::sendSMARTRO(const QByteArray &bytes, const AnswerSink &sink)
 }
 
 std::optional<QHostAddress> VendorSenders::terminalAddress() {
-    const std::optional<QString> ip = UserDefaults::standard().string(SettingKey::tcpIp);
+    const std::optional<QString> ip = Settings::shared().text(Settings::Key::TcpIp);
     if (!ip || !matchesIPv4Rule(*ip))
         return std::nullopt;
     return QHostAddress(*ip);

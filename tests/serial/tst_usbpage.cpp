@@ -1,5 +1,6 @@
 // The USB section of the popover as a user meets it, on Qt's offscreen platform: the
 // title's colours, the popups and what choosing in them does, the test print button.
+#include "common/settings.h"
 #include "common/userdefaults.h"
 #include "devsim/pseudoterminal.h"
 #include "shell/usbpage.h"
@@ -44,7 +45,9 @@ class UsbPageTest : public QObject {
 
     // Counts what `page` says to the TCP page.
     void watch(UsbPage &page) {
-        QObject::connect(&page.controller(), &USBViewController::interfaceChosen, [this] { ++tcpControl; });
+        QObject::connect(
+            &Settings::shared(), &Settings::interfaceChosen, &page.controller(),
+            [this](Settings::Interface chosen) { tcpControl += chosen == Settings::Interface::Usb; });
     }
 
     QString path(const QString &name) const { return dir->filePath(name); }

@@ -2,6 +2,7 @@
 // opens, what the POS's requests put on the line, hot-plug, and the answers that go back.
 // Pseudo-terminals are the terminals; the page's controls are recording fakes.
 #include "common/cp949.h"
+#include "common/settings.h"
 #include "common/userdefaults.h"
 #include "devsim/pseudoterminal.h"
 #include "forked.h"
@@ -109,7 +110,9 @@ class UsbViewControllerTest : public QObject {
     std::unique_ptr<USBViewController> makeController(SerialPortManager &manager) {
         auto c = std::make_unique<USBViewController>(manager);
         current = c.get();
-        QObject::connect(c.get(), &USBViewController::interfaceChosen, [this] { ++tcpControl; });
+        QObject::connect(
+            &Settings::shared(), &Settings::interfaceChosen, c.get(),
+            [this](Settings::Interface chosen) { tcpControl += chosen == Settings::Interface::Usb; });
         QObject::connect(c.get(), &TerminalChannel::answerReady,
                          [this](const TerminalAnswer &a) { responses << a; });
         c->portPopupButton = &portPopup;
