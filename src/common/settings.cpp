@@ -3,32 +3,7 @@
 #include "textform.h"
 #include "userdefaults.h"
 
-#include <array>
-#include <utility>
-
 namespace {
-
-struct KeyInfo {
-    Settings::Key key;
-    const char *name;
-};
-
-// The one place the file's keys are spelled.
-constexpr std::array<KeyInfo, 13> keyTable{{
-    {Settings::Key::MainInterface, "MAIN_INTERFACE"},
-    {Settings::Key::TcpDevice, "TCP_DEVICE"},
-    {Settings::Key::TcpIp, "TCP_IP"},
-    {Settings::Key::UsbPort, "USB_PORT"},
-    {Settings::Key::BaudRate, "BAUD_RATE"},
-    {Settings::Key::SerialDeviceType, "SERIAL_DEVICE_TYPE"},
-    {Settings::Key::WebSocketAllowedOrigins, "WEBSOCKET_ALLOWED_ORIGINS"},
-    {Settings::Key::WebSocketPinFirstOrigin, "WEBSOCKET_PIN_FIRST_ORIGIN"},
-    {Settings::Key::WebSocketListenAll, "WEBSOCKET_LISTEN_ALL"},
-    {Settings::Key::HoldUndeliveredAnswers, "HOLD_UNDELIVERED_ANSWERS"},
-    {Settings::Key::KitchenRetryMinutes, "KITCHEN_RETRY_MINUTES"},
-    {Settings::Key::KitchenAllowedPrinters, "KITCHEN_ALLOWED_PRINTERS"},
-    {Settings::Key::TerminalAnswerPeers, "TERMINAL_ANSWER_PEERS"},
-}};
 
 const QString tcpText = QStringLiteral("TCP");
 const QString usbText = QStringLiteral("USB");
@@ -38,21 +13,6 @@ const QString usbText = QStringLiteral("USB");
 Settings &Settings::shared() {
     static Settings settings;
     return settings;
-}
-
-QString Settings::name(Key key) {
-    for (const KeyInfo &info : keyTable)
-        if (info.key == key)
-            return QString::fromLatin1(info.name);
-    Q_UNREACHABLE();
-    return QString();
-}
-
-std::optional<Settings::Key> Settings::keyNamed(const QString &name) {
-    for (const KeyInfo &info : keyTable)
-        if (name == QLatin1String(info.name))
-            return info.key;
-    return std::nullopt;
 }
 
 std::optional<QVariant> Settings::value(Key key) const {

@@ -16,5 +16,5 @@ run_libfuzzer "$1" serial-fuzz "${2:-30}" "$here/seeds" "" \
     -I"$root/src" \
     "$root/src/terminal_serial/serialanswerframing.cpp" \
     "$common/cp949.cpp" "$common/fatal.cpp" "$common/log.cpp" "$common/terminalchannel.cpp" \
-    "$common/textform.cpp" "$common/userdefaults.cpp" \
+    "$common/textform.cpp" "$common/userdefaults.cpp" "$common/settingnames.cpp" \
     "$here/serialanswerframing_fuzz.cpp"
