@@ -73,8 +73,13 @@ private slots:
         // judged by then.
         QVERIFY(handshakeFrom("http://ad.example").startsWith("HTTP/1.1 403"));
         QVERIFY(handshakeFrom("https://tracker.example").startsWith("HTTP/1.1 403"));
-        QVERIFY(waitUntil([&] { return service.stdoutLines().size() >= 2; }, 5000));
-        keepRunningFor(200);
+        QVERIFY(waitUntil(
+            [&] {
+                const QStringList lines = service.stdoutLines();
+                return !lines.isEmpty() &&
+                       isRefusalLine(lines.last(), QStringLiteral("https://tracker.example"));
+            },
+            5000));
         const QStringList lines = service.stdoutLines();
         QCOMPARE(lines.size(), 2);
         QVERIFY2(isRefusalLine(lines[1], QStringLiteral("https://tracker.example")), qPrintable(lines[1]));

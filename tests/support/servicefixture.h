@@ -10,6 +10,22 @@ inline bool startAndConnect(ServiceProcess &service, PosClient &pos) {
     return service.start() && pos.open(ServiceProcess::gatewayPort);
 }
 
+// A probe for "nothing else happened": a kitchen order sent on `pos` after the frames under
+// test, to a printer of its own. The service reads a page's frames in order and prints a
+// frame's marker before anything else of it, so whatever the earlier frames made the
+// service print is on its standard output ahead of the probe's own marker. (Standard
+// output reaches the test through a pipe: wait for the probe's marker before comparing.)
+inline bool probeKitchenOrder(PosClient &pos) {
+    devsim::Printer printer;
+    if (!printer.listen())
+        return false;
+    const QByteArray order("PROBE\n");
+    pos.send(kitchenOrderFrame(QString::fromLatin1(order), printer.port()));
+    return waitUntil(
+        [&] { return !printer.connections().isEmpty() && printer.connections().first().received == order; },
+        5000);
+}
+
 // How a fault test ends: the service is still running, has said nothing on standard error,
 // and a POS page that connects now gets its kitchen order printed. Returns what went wrong,
 // or nothing.
