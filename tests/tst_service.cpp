@@ -221,9 +221,8 @@ private slots:
         // Frames are read in order: whatever the dropped frame printed comes before the
         // marker of a kitchen order sent after it.
         QVERIFY(probeKitchenOrder(pos));
-        QVERIFY(service.waitForStdoutLineCount(2, 3000)); // the probe's marker, read from the pipe
         // Only the marker: never the frame's content.
-        QCOMPARE(service.stdoutLines(), (QStringList{recvFired, recvFired}));
+        QCOMPARE(service.stdoutLinesWrittenByNow(), (QStringList{recvFired, recvFired}));
         QVERIFY(service.isRunning());
     }
 
@@ -259,9 +258,10 @@ private slots:
         pos.send(R"({"requesttype":"KitchenPrint","data":[65],"ip":"127.0.0.1","port":9})");
         pos.send(R"({"requesttype":5,"data":[]})");
         QVERIFY(waitUntil([&] { return service.stdoutLines().size() >= 2; }, 3000));
-        QVERIFY(probeKitchenOrder(pos));
-        QVERIFY(service.waitForStdoutLineCount(3, 3000));
-        QCOMPARE(service.stdoutLines(), (QStringList{recvFired, recvFired, recvFired}));
+        // A "KitchenPrint" taken for a kitchen order would print its printer's refusal only
+        // once the connection is refused: no probe is ordered after that.
+        keepRunningFor(300);
+        QCOMPARE(service.stdoutLines(), (QStringList{recvFired, recvFired}));
         QVERIFY(service.isRunning());
         QCOMPARE(pos.texts.size(), 0);
     }
@@ -275,8 +275,7 @@ private slots:
         // Frames are read in order: the marker of a kitchen order sent after it comes after
         // anything the binary frame made.
         QVERIFY(probeKitchenOrder(pos));
-        QVERIFY(service.waitForStdoutLineCount(1, 3000));
-        QCOMPARE(service.stdoutLines(), QStringList{recvFired});
+        QCOMPARE(service.stdoutLinesWrittenByNow(), QStringList{recvFired});
         QVERIFY(service.isRunning());
         QVERIFY(!pos.disconnected);
     }

@@ -119,6 +119,14 @@ private slots:
         QCOMPARE(Settings::shared().isOn(Key::HoldUndeliveredAnswers), on);
     }
 
+    // A switch a hand edit stored as a typed boolean reads as Qt writes a boolean: "true".
+    void aTypedBooleanSwitchIsOn() {
+        QVERIFY(Settings::isOn(QVariant(true)));
+        QVERIFY(!Settings::isOn(QVariant(false)));
+        QVERIFY(!Settings::isOn(QVariant(1)));
+        QVERIFY(!Settings::isOn(std::nullopt));
+    }
+
     void aListIsItsTrimmedEntries() {
         Settings &settings = Settings::shared();
         QCOMPARE(settings.list(Key::TerminalAnswerPeers), std::nullopt);

@@ -1,5 +1,6 @@
 // The application shell under the offscreen platform: the storyboard, the main page's
 // buttons and exit alert, where the popover opens, login items and the one-instance socket.
+#include "common/settings.h"
 #include "common/userdefaults.h"
 #include "forked.h"
 #include "gateway/websocketviewcontroller.h"
@@ -145,6 +146,7 @@ private slots:
 
     // ---- how the pages' controllers are joined
 
+    // Nothing joins the two channels: each steps back when the settings announce the other.
     void choosingOneTerminalChannelGreysTheOther() {
         SerialPortManager::Options noPorts;
         noPorts.systemPorts = false;
@@ -154,7 +156,6 @@ private slots:
         RecordingTitle tcpTitle, usbTitle;
         tcp.titleLabel = &tcpTitle;
         usb.titleLabel = &usbTitle;
-        connectTerminalChannels(nullptr, &tcp, &usb);
 
         tcp.titleLabelClicked();
         QCOMPARE(UserDefaults::standard().string("MAIN_INTERFACE"), std::optional<QString>("TCP"));
@@ -163,6 +164,17 @@ private slots:
         usb.titleLabelClickedWithSender();
         QCOMPARE(UserDefaults::standard().string("MAIN_INTERFACE"), std::optional<QString>("USB"));
         QCOMPARE(usbTitle.background, std::optional<Rgba>(PageColor::selectedBlue));
+        QCOMPARE(tcpTitle.background, std::optional<Rgba>(PageColor::deselectedGrey));
+
+        // A page takes no notice of its own interface being announced; the other steps back.
+        tcpTitle = {};
+        usbTitle = {};
+        Settings::shared().chooseInterface(Settings::Interface::Tcp);
+        QCOMPARE(tcpTitle.background, std::nullopt);
+        QCOMPARE(usbTitle.background, std::optional<Rgba>(PageColor::deselectedGrey));
+        usbTitle = {};
+        Settings::shared().chooseInterface(Settings::Interface::Usb);
+        QCOMPARE(usbTitle.background, std::nullopt);
         QCOMPARE(tcpTitle.background, std::optional<Rgba>(PageColor::deselectedGrey));
     }
 

@@ -35,9 +35,16 @@ bool Settings::hasEntries(Key key) const {
     return entries && !entries->isEmpty();
 }
 
+std::optional<QString> Settings::string(Key key) const {
+    return UserDefaults::standard().string(name(key));
+}
+
 bool Settings::isOn(Key key) const {
-    const std::optional<QString> stored = text(key);
-    return stored && stored->trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0;
+    return isOn(value(key));
+}
+
+bool Settings::isOn(const std::optional<QVariant> &stored) {
+    return stored && stored->toString().trimmed().compare(QLatin1String("true"), Qt::CaseInsensitive) == 0;
 }
 
 Settings::Interface Settings::mainInterface() const {

@@ -9,8 +9,10 @@
 #include <optional>
 
 // The service's settings, by name rather than by spelling: every key of the settings file,
-// its default and the way its value is read live here, and nowhere else. The file is the
-// service's contract with the shop owner, `teranocounter --set` and the README.
+// its default and the ways its value is read live here. The file is the service's contract
+// with the shop owner, `teranocounter --set` and the README. (Two readers go by the name
+// alone: the command line, which writes and prints whatever key it is given, and the serial
+// answer framing, whose settings a test hands in by name.)
 //
 // Every read goes to the file afresh (through UserDefaults), so a `teranocounter --set` from
 // another process counts from the next request on. A write made here is announced by
@@ -49,15 +51,20 @@ public:
 
     // The stored value as it was read from the file; nothing when the key is unset.
     std::optional<QVariant> value(Key key) const;
-    // The stored value as text: a string is itself, a number its digits.
+    // The stored value as text, two ways. They differ only for a value the file holds as a
+    // typed @Variant (a hand edit), and each reader keeps the one it has always had:
+    //  - text: as a request value is read (a whole number is its digits, a boolean 1 or 0);
+    //  - string: as Qt turns a value into a string (a boolean is "true" or "false").
     std::optional<QString> text(Key key) const;
+    std::optional<QString> string(Key key) const;
     // A comma-separated value as its entries, each trimmed, blanks left out.
     std::optional<QStringList> list(Key key) const;
     // A list with at least one entry.
     bool hasEntries(Key key) const;
-    // A switch: on when its text is "true" in any case, spaces around it ignored; off when
+    // A switch: on when its string is "true" in any case, spaces around it ignored; off when
     // unset or anything else, so a mistyped switch leaves the service as it was.
     bool isOn(Key key) const;
+    static bool isOn(const std::optional<QVariant> &stored);
     // The text of MAIN_INTERFACE as an interface: exactly "TCP" or "USB", nothing else.
     Interface mainInterface() const;
     static Interface interfaceOf(const std::optional<QVariant> &stored);
@@ -72,13 +79,15 @@ public:
     // Writes the key's default when the key is unset; says whether it wrote.
     bool fillDefault(Key key);
     // Makes TCP or USB the interface terminal requests go to. Announced every time, also
-    // when it was the active one already: choosing again is still the owner's choice.
+    // when it was the active one already: choosing again is still the owner's choice. The
+    // choice is in the file before it is announced.
     void chooseInterface(Interface interface);
 
 signals:
     // A key was written or removed by this process.
     void changed(Settings::Key key);
-    // TCP or USB was chosen, by a page or by the stored choice coming back at start.
+    // TCP or USB was chosen: by the owner on a page, or by the USB page shown while USB is
+    // the stored choice.
     void interfaceChosen(Settings::Interface interface);
 
 private:

@@ -84,7 +84,10 @@ GatewayPage::GatewayPage(WebSocketViewController &controller, QWidget *parent)
     c.viewDidLoad();
     // A protection turned on or off while the popover is open (pinning the POS, clearing
     // the origins) shows at once.
-    connect(&Settings::shared(), &Settings::changed, this, &GatewayPage::showProtections);
+    connect(&Settings::shared(), &Settings::changed, this, [this](Settings::Key key) {
+        if (LockDown::covers(key))
+            showProtections();
+    });
     showProtections();
     showBrowserPolicy();
 }

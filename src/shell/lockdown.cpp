@@ -74,4 +74,19 @@ QStringList missing() {
     return names;
 }
 
+bool covers(Settings::Key key) {
+    using Key = Settings::Key;
+    switch (key) {
+    case Key::WebSocketAllowedOrigins:
+    case Key::WebSocketPinFirstOrigin:
+    case Key::TerminalAnswerPeers:
+    case Key::KitchenAllowedPrinters:
+    case Key::HoldUndeliveredAnswers:
+    case Key::KitchenRetryMinutes:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace LockDown

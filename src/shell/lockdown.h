@@ -17,7 +17,6 @@ struct Setting {
     QString value;
     // As the command line and the log show it: KEY=value.
     QString text() const { return Settings::name(key) + u'=' + value; }
-    bool operator==(const Setting &) const = default;
 };
 
 // This computer's IPv4 networks on interfaces that are up, running and not loopback, as CIDR
@@ -38,5 +37,7 @@ QList<Setting> apply();
 
 // The protections that are off now, by their setting's name; empty when all are on.
 QStringList missing();
+// Whether `key` is one of the settings missing() looks at.
+bool covers(Settings::Key key);
 
 } // namespace LockDown

@@ -26,13 +26,13 @@ void TCPViewController::viewDidLoad() {
 
     Settings &settings = Settings::shared();
     settings.fillDefault(Settings::Key::TcpDevice);
-    const qsizetype index = vendors.indexOf(settings.text(Settings::Key::TcpDevice).value_or(QString()));
+    const qsizetype index = vendors.indexOf(settings.string(Settings::Key::TcpDevice).value_or(QString()));
     if (index >= 0 && tcpDevicePopupButton)
         tcpDevicePopupButton->selectItemAtIndex(static_cast<int>(index));
     // The stored address is shown from the start, so the owner sees what the terminal
     // requests go to.
     if (ipTextfield)
-        ipTextfield->setStringValue(settings.text(Settings::Key::TcpIp).value_or(QString()));
+        ipTextfield->setStringValue(settings.string(Settings::Key::TcpIp).value_or(QString()));
 }
 
 TerminalListener *TCPViewController::startListener(quint16 port, const QString &vendor,
@@ -80,7 +80,7 @@ void TCPViewController::titleLabelClicked() {
     if (ipTextfield) {
         ipTextfield->setEditable(true);
         ipTextfield->setEnabled(true);
-        ipTextfield->setStringValue(Settings::shared().text(Settings::Key::TcpIp).value_or(QString()));
+        ipTextfield->setStringValue(Settings::shared().string(Settings::Key::TcpIp).value_or(QString()));
     }
     paintActive();
 }
@@ -94,7 +94,7 @@ void TCPViewController::ipTextfieldEnter() {
 }
 
 void TCPViewController::connectionTestClicked() {
-    const QString vendor = Settings::shared().text(Settings::Key::TcpDevice).value_or(QString());
+    const QString vendor = Settings::shared().string(Settings::Key::TcpDevice).value_or(QString());
     if (vendor == Vendor::KIS)
         senders.sendKIS(cp949::encode(testPrintText).value(), QStringLiteral("print"), answerSink());
     else if (vendor == Vendor::KICC)

@@ -180,7 +180,7 @@ void VendorSenders::sendSMARTRO(const QByteArray &bytes, const AnswerSink &sink)
 }
 
 std::optional<QHostAddress> VendorSenders::terminalAddress() {
-    const std::optional<QString> ip = Settings::shared().text(Settings::Key::TcpIp);
+    const std::optional<QString> ip = Settings::shared().string(Settings::Key::TcpIp);
     if (!ip || !matchesIPv4Rule(*ip))
         return std::nullopt;
     return QHostAddress(*ip);

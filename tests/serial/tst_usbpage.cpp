@@ -41,9 +41,9 @@ class UsbPageTest : public QObject {
     Q_OBJECT
     QTemporaryDir config;
     std::unique_ptr<QTemporaryDir> dir;
-    int tcpControl = 0; // times a page said USB was made the active interface
+    int tcpControl = 0; // times USB was announced as the active interface (only the page chooses it here)
 
-    // Counts what `page` says to the TCP page.
+    // Counts what the settings say to the TCP page while `page` is shown.
     void watch(UsbPage &page) {
         QObject::connect(
             &Settings::shared(), &Settings::interfaceChosen, &page.controller(),

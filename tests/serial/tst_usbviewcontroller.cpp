@@ -97,7 +97,8 @@ class UsbViewControllerTest : public QObject {
     Q_OBJECT
     QTemporaryDir config;
     std::unique_ptr<QTemporaryDir> dir;
-    int tcpControl = 0; // times the controller said USB was made the active interface
+    int tcpControl =
+        0; // times USB was announced as the active interface (only the controller chooses it here)
     QList<TerminalAnswer> responses;
     QPointer<USBViewController> current; // the controller requests are handed to
 

@@ -12,9 +12,11 @@ inline bool startAndConnect(ServiceProcess &service, PosClient &pos) {
 
 // A probe for "nothing else happened": a kitchen order sent on `pos` after the frames under
 // test, to a printer of its own. The service reads a page's frames in order and prints a
-// frame's marker before anything else of it, so whatever the earlier frames made the
-// service print is on its standard output ahead of the probe's own marker. (Standard
-// output reaches the test through a pipe: wait for the probe's marker before comparing.)
+// frame's marker before anything else of it, so once the printer has the order, whatever
+// the earlier frames made the service print while they were read is on its standard output,
+// ahead of the probe's own marker (ServiceProcess::stdoutLinesWrittenByNow reads it all).
+// What a frame starts and prints later (a printer's refusal, a terminal's answer) may come
+// after the probe: for that, only time tells.
 inline bool probeKitchenOrder(PosClient &pos) {
     devsim::Printer printer;
     if (!printer.listen())

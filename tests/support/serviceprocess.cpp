@@ -116,6 +116,13 @@ QStringList ServiceProcess::stdoutLines() {
     return completeLines(outBuffer);
 }
 
+QStringList ServiceProcess::stdoutLinesWrittenByNow() {
+    process.setReadChannel(QProcess::StandardOutput);
+    while (process.waitForReadyRead(0)) {
+    }
+    return stdoutLines();
+}
+
 QStringList ServiceProcess::stderrLines() {
     drain();
     return completeLines(errBuffer);

@@ -56,6 +56,10 @@ public:
     qint64 pid() const { return process.processId(); }
 
     QStringList stdoutLines();
+    // The lines the service has written by now, read from the pipe at once rather than when
+    // the event loop next gets to it: after something the service did only once it had
+    // printed a line, that line is among them.
+    QStringList stdoutLinesWrittenByNow();
     QStringList stderrLines();
     // Waits for a stdout line equal to `line` (counting from `fromIndex`).
     bool waitForStdoutLine(const QString &line, int timeoutMs, qsizetype fromIndex = 0);
