@@ -574,6 +574,8 @@ private slots:
         post(request("KIS", "\x02PAY\x03"));
         QVERIFY(waitUntil([&] { return answers.size() == 1; }, 10000));
         QCOMPARE(answers.first(), answer("PAID", "KIS7430"));
+        // The terminal learns of the hang-up a moment after the service has the answer.
+        QVERIFY(waitUntil([&] { return kis->closedCount() == 1; }, 3000));
         const auto &c = kis->connections().first();
         QVERIFY(c.closedAtMs >= c.replySentAtMs.last()); // open until the answer came
         QCOMPARE(channelLines(), QStringList());
