@@ -1,10 +1,10 @@
 #pragma once
 
+#include "eventwait.h"
+
 #include <QByteArray>
-#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QEventLoop>
 #include <QFile>
 #include <QString>
 #include <cerrno>
@@ -119,14 +119,7 @@ public:
     }
     // Runs the event loop until `count` bytes have come (or the time is up).
     bool waitForReceived(qsizetype count, int timeoutMs) {
-        QElapsedTimer clock;
-        clock.start();
-        while (received().size() < count) {
-            if (clock.elapsed() >= timeoutMs)
-                return false;
-            QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 20);
-        }
-        return true;
+        return runEventsUntil([&] { return received().size() >= count; }, timeoutMs);
     }
 
     // The line speed the service has set, as a termios speed constant (B9600...).

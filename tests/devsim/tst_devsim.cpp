@@ -1,6 +1,7 @@
 // The simulated devices on their own: how the printer shows ESC/POS, and each terminal's
 // exchange as a scripted client (standing in for the service) sees it on the wire.
 #include "common/cp949.h"
+#include "devsim/eventwait.h"
 #include "devsim/printer.h"
 #include "devsim/scriptedterminal.h"
 #include "devsim/serialterminal.h"
@@ -15,6 +16,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QtTest>
 #include <fcntl.h>
 #include <unistd.h>
@@ -342,6 +344,23 @@ private slots:
         QVERIFY(!QFile::exists(device));
         QVERIFY(terminal.plug(link));
         QVERIFY(QFile::exists(link));
+    }
+
+    // A test waiting on the service must leave the processors to it: the wait sleeps until an
+    // event or its tick comes, and looks at its condition about once per tick. A loop that never
+    // sleeps looks hundreds of thousands of times in the same half second.
+    void waitingSleepsBetweenLooks() {
+        int looks = 0;
+        QElapsedTimer clock;
+        clock.start();
+        QVERIFY(!devsim::runEventsUntil([&] { return ++looks < 0; }, 500));
+        QVERIFY(clock.elapsed() >= 500);
+        QVERIFY2(looks < 1000, qPrintable(QString::number(looks)));
+
+        // An event that makes the condition true ends the wait.
+        bool fired = false;
+        QTimer::singleShot(50, [&] { fired = true; });
+        QVERIFY(devsim::runEventsUntil([&] { return fired; }, 5000));
     }
 };
 
