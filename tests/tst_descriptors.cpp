@@ -4,6 +4,7 @@
 #include "common/localaddresses.h"
 #include "devsim/answercall.h"
 #include "posclient.h"
+#include "sanitizers.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "terminalframes.h"
@@ -64,7 +65,7 @@ private slots:
     }
 
     void aFloodThatUsesUpDescriptorsLeavesEveryServerAccepting() {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(TESTS_UNDER_ADDRESS_SANITIZER)
         // The sanitizers' runtime needs descriptors of its own (it tests whether memory is
         // readable through a pipe, and symbolizes through another process): starved of them,
         // it reports objects of unknown type and crawls. The ordinary build runs this test.

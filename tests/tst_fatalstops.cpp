@@ -11,7 +11,6 @@
 #include <algorithm>
 
 namespace {
-constexpr quint16 gatewayPort = ServiceProcess::gatewayPort;
 const QString &recvFired = ServiceProcess::recvFired;
 } // namespace
 

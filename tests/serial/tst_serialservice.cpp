@@ -5,6 +5,7 @@
 #include "devsim/pseudoterminal.h"
 #include "posclient.h"
 #include "processusage.h"
+#include "sanitizers.h"
 #include "servicefixture.h"
 #include "serviceprocess.h"
 #include "wait.h"
@@ -325,7 +326,7 @@ private slots:
         devsim::PortLink link(linkPath);
         QVERIFY(link.plug(terminal));
         ServiceProcess service;
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(TESTS_UNDER_ADDRESS_SANITIZER)
         // AddressSanitizer keeps freed memory aside (256 MB by default) to catch a use after
         // free: every chunk the line delivers would stay resident. Freed memory is reused at
         // once here, as with the ordinary allocator.

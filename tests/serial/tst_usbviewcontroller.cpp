@@ -312,10 +312,11 @@ private slots:
         QVERIFY(link.plug(terminal));
         SerialPortManager manager(envOnly({link.path()}));
         defaults().setValue("USB_PORT", link.path());
+        // Counted before the controller is made: its end closes the port, which still counts.
+        int closes = 0;
         auto c = makeController(manager);
         c->viewDidLoad();
         const auto port = c->serialPort();
-        int closes = 0;
         connect(port.get(), &SerialPort::didClose, this, [&] { ++closes; });
         baudPopup.choose("38400");
         c->baudrateChanged();
