@@ -324,8 +324,9 @@ private slots:
         QVERIFY(waitUntil([&] { return a.texts.size() == 2; }, 3000));
         QCOMPARE(a.texts[0],
                  QStringLiteral(R"({"response":{"data":"ABC"},"devicetype":"CAT","devicename":"TS-132N"})"));
-        // Quotes, backslashes and control characters escaped as JSON has them.
-        const QString escaped = QStringLiteral("x\\\"\\\\/\\n\\u0001");
+        // Quotes, backslashes and control characters escaped as JSON has them, and the
+        // slash written "\/" as POS front ends were written to receive it.
+        const QString escaped = QStringLiteral("x\\\"\\\\\\/\\n\\u0001");
         QCOMPARE(a.texts[1], QStringLiteral("{\"response\":{\"data\":\"") + escaped +
                                  QStringLiteral("\"},\"devicetype\":\"CAT\",\"devicename\":\"김\"}"));
     }

@@ -6,10 +6,15 @@
 
 namespace {
 
-// One JSON text value, escaped the way QJsonDocument writes it.
+// One JSON text value as POS front ends were written to receive it: escaped as
+// QJsonDocument escapes, and with every "/" written as "\/" (as the serialiser of the
+// service's first platform wrote it). The parsed value is the same either way; a POS that
+// compares or searches the raw text finds the bytes it was written against. Qt never
+// writes "\/" itself and a "/" can only stand inside a string, so the replacement cannot
+// touch anything else.
 QString jsonString(const QString &text) {
     const QByteArray wrapped = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
-    return QString::fromUtf8(wrapped.mid(1, wrapped.size() - 2));
+    return QString::fromUtf8(wrapped.mid(1, wrapped.size() - 2)).replace(u'/', QStringLiteral("\\/"));
 }
 
 } // namespace
