@@ -6,6 +6,8 @@
 #include "wait.h"
 
 #include <QElapsedTimer>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QtTest>
 #include <algorithm>
 
@@ -120,6 +122,55 @@ private slots:
         QCOMPARE(c.received, QByteArray("ORDER\n"));
         QVERIFY2(c.closedAtMs - c.lastByteAtMs < 500,
                  qPrintable(QString::number(c.closedAtMs - c.lastByteAtMs)));
+    }
+
+    void printerThatSpokeDuringTheSendIsClosedOnceTheOrderIsIn() {
+        // A printer that reports its status as soon as it is connected, and takes a large
+        // order slowly: its status is there before the last byte of the order has gone, and
+        // the read after the send finds it at once.
+        QTcpServer printer;
+        QVERIFY(printer.listen(QHostAddress::LocalHost));
+        KitchenPrintService service;
+        QByteArray text(16 * 1024 * 1024, 'x'); // more than both sides' socket buffers hold
+        service.printKitchenOrder(order(text, printer.serverPort()));
+        QVERIFY(waitUntil([&] { return printer.hasPendingConnections(); }, 5000));
+        QTcpSocket *line = printer.nextPendingConnection();
+        line->setReadBufferSize(1); // takes nothing of the order yet
+        bool statusOut = false;
+        connect(line, &QTcpSocket::bytesWritten, [&] { statusOut = true; });
+        line->write("\x10\x04\x01 status");
+        QVERIFY(waitUntil([&] { return statusOut; }, 3000));
+        // The status is in the service's socket now; two turns of the loop let it be read.
+        int turns = 0;
+        QTimer::singleShot(0, [&] { QTimer::singleShot(0, [&] { turns = 2; }); });
+        QVERIFY(waitUntil([&] { return turns == 2; }, 3000));
+
+        QElapsedTimer clock;
+        clock.start();
+        QByteArray received = line->readAll();
+        QVERIFY2(received.size() < text.size(), "the order went out whole before the status came");
+        qint64 lastByteAtMs = 0;
+        qint64 closedAtMs = -1;
+        const auto take = [&] {
+            const QByteArray more = line->readAll();
+            if (!more.isEmpty()) {
+                received += more;
+                lastByteAtMs = clock.elapsed();
+            }
+        };
+        connect(line, &QTcpSocket::readyRead, take);
+        connect(line, &QTcpSocket::disconnected, [&] {
+            take();
+            closedAtMs = clock.elapsed();
+        });
+        line->setReadBufferSize(0);
+        take();
+        QVERIFY2(waitUntil([&] { return closedAtMs >= 0; }, 8000),
+                 qPrintable(QString::number(received.size())));
+        QCOMPARE(received.size(), text.size());
+        QVERIFY2(
+            closedAtMs - lastByteAtMs < 500,
+            qPrintable(QStringLiteral("closed %1 ms after the last byte").arg(closedAtMs - lastByteAtMs)));
     }
 
     void tenOrdersToASilentPrinterAllArriveWithinOneSecond() {

@@ -87,16 +87,18 @@ private:
         // enough for the printer to take the job before it sees the close.
         stage = Stage::Reading;
         timer.start(KitchenPrintService::readTimeoutMs);
-        if (socket.bytesAvailable() > 0)
+        // A printer that spoke while the order was still going out (a status it sends on
+        // connect) has already given its reply: the read has it at once, no second wait.
+        if (printerSpoke || socket.bytesAvailable() > 0)
             finishRead();
     }
 
     void finishRead() {
+        socket.read(KitchenPrintService::readLimit);
         if (stage != Stage::Reading) {
-            socket.read(KitchenPrintService::readLimit); // arrived before the send finished
+            printerSpoke = true; // arrived before the send finished
             return;
         }
-        socket.read(KitchenPrintService::readLimit);
         close();
     }
 
@@ -157,4 +159,5 @@ private:
     QTimer timer;
     Stage stage = Stage::Idle;
     qint64 remaining = 0;
+    bool printerSpoke = false;
 };
