@@ -4,9 +4,10 @@
 # not downloaded again.
 set -euo pipefail
 
-# fonts-nanum: the tray icon's pages and questions are in Korean.
+# fonts-nanum: the tray icon's pages and questions are in Korean. libxcb1-dev: the popover reads
+# X11 focus events (the header only; nothing more is linked).
 packages=(cmake ninja-build g++ pkg-config qt6-base-dev qt6-websockets-dev qt6-serialport-dev libqt6sql6-sqlite
-    libsimdjson-dev fonts-nanum)
+    libsimdjson-dev fonts-nanum libxcb1-dev)
 # scripts/package.sh: CPack's Debian generator computes the dependencies with dpkg-shlibdeps
 # and finds the executables with file.
 if [[ "${1:-}" == "--package" || "${1:-}" == "--test" ]]; then
