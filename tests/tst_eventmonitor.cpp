@@ -47,7 +47,8 @@ void stopAll() {
     for (QProcess *process : {other, windowManager, xserver}) {
         if (!process)
             continue;
-        ::kill(process->processId(), SIGCONT); // a test that failed may leave it stopped
+        if (process->processId() > 0)
+            ::kill(process->processId(), SIGCONT); // a test that failed may leave it stopped
         process->terminate();
         if (!process->waitForFinished(3000))
             process->kill();
