@@ -4,6 +4,7 @@
 #include "posclient.h"
 #include "serviceprocess.h"
 #include "wait.h"
+#include "xvfb.h"
 
 #include <QDir>
 #include <QFile>
@@ -59,28 +60,12 @@ public:
     QString error() const { return lastError; }
 
     bool startServer() {
-        // The server picks a display nobody uses and writes its number on standard output.
-        // Without -noreset it resets whenever its last client leaves, and refuses the next
-        // one for a moment: the window manager, right after the first xdotool call.
-        xserver.start(QStringLiteral("Xvfb"),
-                      {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                       QStringLiteral("0"), QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"),
-                       QStringLiteral("tcp"), QStringLiteral("-noreset")});
-        if (!xserver.waitForStarted(5000))
+        displayName = startXvfb(xserver, QStringLiteral("1280x800"));
+        if (displayName.isEmpty() && xserver.error() == QProcess::FailedToStart)
             return fail(QStringLiteral("Xvfb did not start: ") + xserver.errorString());
-        QByteArray number;
-        const bool announced = waitUntil(
-            [&] {
-                number += xserver.readAllStandardOutput();
-                return number.contains('\n') || xserver.state() == QProcess::NotRunning;
-            },
-            10000);
-        bool ok = false;
-        number.trimmed().toInt(&ok);
-        if (!announced || !ok)
+        if (displayName.isEmpty())
             return fail(QStringLiteral("Xvfb did not open a display: ") +
                         QString::fromLocal8Bit(xserver.readAllStandardError()).simplified());
-        displayName = u':' + QString::fromLatin1(number.trimmed());
         QByteArray size;
         if (!run(QStringLiteral("xdotool"), {QStringLiteral("getdisplaygeometry")}, &size))
             return fail(QStringLiteral("the display %1 cannot be reached with xdotool").arg(displayName));

@@ -1,5 +1,6 @@
 #include "shell/eventmonitor.h"
 #include "wait.h"
+#include "xvfb.h"
 
 #include <QApplication>
 #include <QProcess>
@@ -26,21 +27,6 @@ bool tool(const QString &program, const QStringList &arguments, QByteArray *out 
     if (out)
         *out = process.readAllStandardOutput();
     return true;
-}
-
-// The display's number, or an empty text when Xvfb did not open one.
-QString startServer() {
-    xserver = new QProcess;
-    xserver->start(QStringLiteral("Xvfb"),
-                   {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                    QStringLiteral("0"), QStringLiteral("800x600x24"), QStringLiteral("-nolisten"),
-                    QStringLiteral("tcp"), QStringLiteral("-noreset")});
-    QByteArray number;
-    while (!number.contains('\n') && xserver->waitForReadyRead(10000))
-        number += xserver->readAllStandardOutput();
-    bool ok = false;
-    number.trimmed().toInt(&ok);
-    return ok ? u':' + QString::fromLatin1(number.trimmed()) : QString();
 }
 
 void stopAll() {
@@ -168,7 +154,8 @@ private slots:
 };
 
 int main(int argc, char *argv[]) {
-    const QString display = startServer();
+    xserver = new QProcess;
+    const QString display = startXvfb(*xserver, QStringLiteral("800x600"));
     if (display.isEmpty()) {
         qWarning("Xvfb did not open a display (bash scripts/install-deps.sh --test installs it)");
         stopAll();
